@@ -1,0 +1,159 @@
+#include "runtime/files.h"
+
+#include "runtime/text.h"
+
+namespace ota {
+
+i64 read_file(const char* path, void* buf, usize cap) {
+  u64 fd = sys_open(path, kOpenRead);
+  if (is_error(fd)) return -1;
+  u8* p = static_cast<u8*>(buf);
+  usize got = 0;
+  while (got < cap) {
+    i64 r = sys_read(static_cast<int>(fd), p + got, cap - got);
+    if (r <= 0) break;  // end of file, or a failing read: what came so far counts
+    got += static_cast<usize>(r);
+  }
+  sys_close(static_cast<int>(fd));
+  return static_cast<i64>(got);
+}
+
+int write_fd_all(int fd, const void* data, usize n) {
+  const u8* p = static_cast<const u8*>(data);
+  usize done = 0;
+  while (done < n) {
+    i64 w = sys_write(fd, p + done, n - done);
+    if (w <= 0) return 0;
+    done += static_cast<usize>(w);
+  }
+  return 1;
+}
+
+int write_file(const char* path, const void* data, usize n) {
+  u64 fd = sys_open(path, kOpenCreate);
+  if (is_error(fd)) return 0;
+  int ok = write_fd_all(static_cast<int>(fd), data, n);
+  sys_close(static_cast<int>(fd));
+  return ok;
+}
+
+int replace_file(const char* path, const void* data, usize n) {
+  static char temporary[kReplacePathLimit + 4];
+  usize len = str_len(path);
+  if (len != 0 && len < kReplacePathLimit) {
+    str_append_at(temporary, str_copy(temporary, path), ".nw");
+    remove_file(temporary);
+    if (!write_file(temporary, data, n)) {
+      remove_file(temporary);
+      return 0;
+    }
+    // The kernel's rename does not replace an existing file, so the target goes first.
+    remove_file(path);
+    if (!is_error(sys_rename(temporary, path))) return 1;
+    remove_file(temporary);
+  }
+  remove_file(path);
+  return write_file(path, data, n);
+}
+
+int overwrite_in_place(const char* path, const void* data, usize n) {
+  u64 fd = sys_open(path, kOpenReadWrite);
+  if (is_error(fd)) fd = sys_open(path, kOpenCreate);
+  if (is_error(fd)) return 0;
+  int ok = 0;
+  if (!is_error(sys_lseek(static_cast<int>(fd), 0))) ok = write_fd_all(static_cast<int>(fd), data, n);
+  sys_close(static_cast<int>(fd));
+  sys_sync();
+  return ok;
+}
+
+u64 read_number_file(const char* path) {
+  char buf[15];
+  i64 n = read_file(path, buf, sizeof buf);
+  if (n < 8) return 0;
+  u64 v = 0;
+  for (int i = 0; i < 8; i++) {
+    if (buf[i] < '0' || buf[i] > '9') return 0;
+    v = v * 10 + static_cast<u64>(buf[i] - '0');
+  }
+  return v;
+}
+
+int write_number_file(const char* path, u64 v) {
+  char buf[9];
+  v %= 100000000;
+  for (int i = 7; i >= 0; i--) {
+    buf[i] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  }
+  buf[8] = '\n';
+  return overwrite_in_place(path, buf, sizeof buf);
+}
+
+u64 file_size(const char* path) {
+  alignas(8) u8 record[kStatRecordBytes];
+  if (sys_stat(path, record) < 0) return 0;
+  u64 size;
+  mem_copy(&size, record + kStatSizeOffset, sizeof size);
+  return size;
+}
+
+void remove_file(const char* path) { sys_unlink(path); }
+
+void make_directory(const char* path) { sys_mkdir(path); }
+
+void work_path(char* out, const char* name) {
+  usize len = str_copy(out, kWorkDir);
+  len = str_append_at(out, len, "/");
+  str_append_at(out, len, name);
+}
+
+void make_work_dir() { make_directory(kWorkDir); }
+
+int file_exists(const char* path) {
+  u64 fd = sys_open(path, kOpenRead);
+  if (is_error(fd)) return 0;
+  sys_close(static_cast<int>(fd));
+  return 1;
+}
+
+const char* find_line(const char* text, usize len, const char* prefix) {
+  usize plen = str_len(prefix);
+  for (usize i = 0; i < len; i++) {
+    if (i != 0 && text[i - 1] != '\n') continue;
+    // A prefix that runs past the text cannot match: the text's closing 0 differs first.
+    if (i + plen <= len && mem_equal(text + i, prefix, plen)) return text + i;
+  }
+  return nullptr;
+}
+
+int value_of(const char* text, usize len, const char* key, char* out, usize cap) {
+  if (len == 0) return 0;
+  usize klen = str_len(key);
+  usize i = 0;
+  for (;; i++) {
+    if (i >= len) return 0;
+    if (i != 0 && text[i - 1] != '\n') continue;
+    if (i + klen <= len && mem_equal(text + i, key, klen)) break;
+  }
+  usize v = i + klen;
+  if (v >= len) {
+    if (cap > 0) out[0] = 0;
+    return 0;
+  }
+  usize n = 0;
+  while (v + n < len && n + 1 < cap && text[v + n] != '\n' && text[v + n] != '\r') {
+    out[n] = text[v + n];
+    n++;
+  }
+  if (cap > 0) out[n] = 0;
+  return n > 0 ? 1 : 0;
+}
+
+u64 number_of(const char* text, usize len, const char* key, u64 fallback) {
+  char value[kNumberValueBytes];
+  if (!value_of(text, len, key, value, sizeof value)) return fallback;
+  return parse_decimal(value);
+}
+
+}  // namespace ota

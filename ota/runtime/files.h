@@ -1,0 +1,37 @@
+#pragma once
+// Whole-file reading and writing, the safe replacement of records, fixed-width number
+// files, and the line and key lookups over a text held in memory.
+
+#include "runtime/syscall.h"
+
+namespace ota {
+
+// Downloads and fetched files live here; made with mkdir right before first use.
+constexpr const char* kWorkDir = "/tmp/ota";
+// replace_file keeps its temporary name in one static buffer; longer paths are written
+// directly.
+constexpr usize kReplacePathLimit = 191;
+// number_of looks a value up into a buffer of this size.
+constexpr usize kNumberValueBytes = 32;
+
+i64 read_file(const char* path, void* buf, usize cap);
+int write_file(const char* path, const void* data, usize n);
+int replace_file(const char* path, const void* data, usize n);
+int overwrite_in_place(const char* path, const void* data, usize n);
+u64 read_number_file(const char* path);
+int write_number_file(const char* path, u64 v);
+u64 file_size(const char* path);
+void remove_file(const char* path);
+void make_directory(const char* path);
+void work_path(char* out, const char* name);
+void make_work_dir();
+// Writes all n bytes to an open descriptor; 1 done, 0 a write failed or wrote nothing.
+int write_fd_all(int fd, const void* data, usize n);
+// Whether the path can be opened for reading.
+int file_exists(const char* path);
+
+const char* find_line(const char* text, usize len, const char* prefix);
+int value_of(const char* text, usize len, const char* key, char* out, usize cap);
+u64 number_of(const char* text, usize len, const char* key, u64 fallback);
+
+}  // namespace ota
