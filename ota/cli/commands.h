@@ -7,5 +7,6 @@ namespace ota {
 
 int cmd_settings();
 int cmd_set(const char* key, const char* value);
+int system_command(ArgBlock block, u64 n);
 
 }  // namespace ota

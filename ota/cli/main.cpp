@@ -1,5 +1,9 @@
 #include "cli/commands.h"
+#include "packages/apply.h"
+#include "packages/fetch.h"
+#include "packages/update_state.h"
 #include "runtime/text.h"
+#include "trial/trial.h"
 
 namespace ota {
 
@@ -16,6 +20,28 @@ int usage_short() {
   return 1;
 }
 
+int run_system(ArgBlock block, u64 n) { return system_command(block, n); }
+
+int run_fetch_command(ArgBlock block, u64 n) {
+  // With fewer words "fetch" is no command at all and ends in the usage line.
+  if (n < 4) return usage_short();
+  return fetch_command(arg_word(block, 2), arg_word(block, 3));
+}
+
+int run_show(ArgBlock, u64) { return show_command(); }
+int run_search(ArgBlock, u64) { return search_command(); }
+int run_apply(ArgBlock, u64) { return apply_command(); }
+int run_confirm(ArgBlock, u64) { return confirm_command(); }
+int run_rollback(ArgBlock, u64) { return rollback_command(); }
+int run_watchdog(ArgBlock block, u64) { return watchdog_command(arg_word(block, 2)); }
+
+int run_service(ArgBlock block, u64 n) {
+  u64 passes = n >= 3 ? parse_decimal(arg_word(block, 2)) : 0;
+  if (n >= 4 && str_equal(arg_word(block, 3), "system")) service_with_system = true;
+  return service_loop(passes);
+}
+
+int run_boot(ArgBlock block, u64) { return boot_command(arg_word(block, 2)); }
 int run_settings(ArgBlock, u64) { return cmd_settings(); }
 
 int run_set(ArgBlock block, u64 n) {
@@ -30,8 +56,10 @@ struct Command {
 
 // Chosen by the first word; every comparison is whole and case-sensitive.
 constexpr Command kCommands[] = {
-    {"settings", run_settings},
-    {"set", run_set},
+    {"system", run_system},     {"fetch", run_fetch_command}, {"show", run_show},
+    {"search", run_search},     {"apply", run_apply},         {"confirm", run_confirm},
+    {"rollback", run_rollback}, {"watchdog", run_watchdog},   {"service", run_service},
+    {"boot", run_boot},         {"settings", run_settings},   {"set", run_set},
 };
 
 }  // namespace

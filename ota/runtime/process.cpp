@@ -79,17 +79,22 @@ int is_own_task(u64 pid) {
   return 0;
 }
 
+void redirect_output(const char* log_path) {
+  u64 log = sys_open(log_path, kOpenCreate);
+  // Standard input is closed even when the log cannot be opened; the output then goes
+  // wherever the parent's went.
+  sys_close(0);
+  if (is_error(log)) return;
+  sys_dup2(static_cast<int>(log), 1);
+  sys_dup2(static_cast<int>(log), 2);
+  sys_close(static_cast<int>(log));
+}
+
 i64 go_background(const char* log_path) {
   u64 pid = sys_fork();
   if (is_error(pid)) return -1;
   if (pid != 0) return static_cast<i64>(pid);
-  u64 log = sys_open(log_path, kOpenCreate);
-  sys_close(0);
-  if (!is_error(log)) {
-    sys_dup2(static_cast<int>(log), 1);
-    sys_dup2(static_cast<int>(log), 2);
-    sys_close(static_cast<int>(log));
-  }
+  redirect_output(log_path);
   return 0;
 }
 

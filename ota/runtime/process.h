@@ -26,6 +26,8 @@ int is_own_task(u64 pid);
 // fork: the child's id in the parent, 0 in the child (its output now goes to log_path),
 // or -1 when the fork failed.
 i64 go_background(const char* log_path);
+// In a background child: standard input closed, output and errors to log_path.
+void redirect_output(const char* log_path);
 void restart_now();
 
 }  // namespace ota

@@ -1,0 +1,181 @@
+#include "packages/apply.h"
+
+#include "packages/catalog.h"
+#include "packages/fetch.h"
+#include "packages/update_state.h"
+#include "runtime/files.h"
+#include "runtime/text.h"
+#include "trust/blocked.h"
+#include "trust/catalog_text.h"
+#include "trust/keys.h"
+#include "trust/sha256.h"
+
+namespace ota {
+
+bool nothing_installed = false;
+
+namespace {
+
+// Room kept free beside the packages for the installer's own work.
+constexpr u64 kSpareRoom = 524288;
+// How often a package file is fetched before it is given up (four checks in all).
+constexpr int kFetchAttempts = 3;
+constexpr usize kPathBytes = kUrlBytes;
+
+u64 package_length(const char* line) {
+  char text[kPackageFieldBytes];
+  line_field(line, 3, text, sizeof text);
+  return parse_decimal(text);
+}
+
+int not_enough_space() {
+  print_err("ota: NOT ENOUGH SPACE -- aborted, \n     nothing was written. \n");
+  return 1;
+}
+
+}  // namespace
+
+int download_package(const char* file, u64 length, const char* hash_text) {
+  char local[kPathBytes];
+  work_path(local, file);
+  return checked_download(file, local, length, hash_text);
+}
+
+int checked_download(const char* file, const char* local, u64 length, const char* hash_text) {
+  if (length == 0 || file[0] == 0) {
+    fail("ota: wrong length, REJECTED: ", file);
+    return 0;
+  }
+  bool mismatch = false;
+  for (int fetches = 0;; fetches++) {
+    u64 size = file_size(local);
+    if (size > length) {
+      remove_file(local);
+      size = 0;
+    }
+    if (size == length) {
+      u8 digest[32];
+      char hex[65];
+      bool read = sha256_file(local, digest);
+      if (read) hex_encode(digest, 32, hex);
+      // Compared over at most 64 characters; capitals never match.
+      if (read && str_equal_n(hex, hash_text, 64)) return 1;
+      mismatch = true;
+      remove_file(local);
+      size = 0;
+    }
+    if (fetches == kFetchAttempts) break;
+    if (size > 0) say_number("ota: partial file, resuming at ", size);
+    run_fetch(file, local, size);
+  }
+  fail(mismatch ? "ota: HASH MISMATCH, REJECTED: " : "ota: wrong length, REJECTED: ", file);
+  return 0;
+}
+
+int apply_packages() {
+  int r = load_catalog(true);
+  if (r != 0) return r;
+  u64 offered = catalog_version();
+  offered_version = offered;
+  u64 here = read_installed_version();
+  if (version_is_blocked(offered)) {
+    say_number("ota: VERSION BLOCKED -- REJECTED, offered ", offered);
+    return 1;
+  }
+  if (check_offered_version(offered, here, true) == 1) return 1;
+  u64 total = package_count();
+  if (total == 0) return fail("ota: the VERZEICHNIS names no package", nullptr);
+  u64 mine = platform_package_count();
+  if (mine == 0) return fail("ota: NO PACKAGE for this platform -- nothing to do", nullptr);
+  if (mine < total) say_number("ota: not for this machine, skipped: ", total - mine);
+
+  load_install_catalog();
+  u64 count = 0;
+  u64 sum = 0;
+  u64 max = 0;
+  for (u64 i = 0;; i++) {
+    const char* line = nth_package_line(i);
+    if (line == nullptr) break;
+    if (!package_needs_update(line)) continue;
+    u64 length = package_length(line);
+    count++;
+    sum += length;
+    if (length > max) max = length;
+  }
+  if (count < mine) say_number("ota: packages already current: ", mine - count);
+  if (count == 0) {
+    if (!write_installed_version(offered)) return fail("ota: /system/FASSUNG could not be set", nullptr);
+    nothing_installed = true;
+    print_out("ota: nothing to install -- every package is current\n");
+    return 0;
+  }
+
+  u64 block_size = sys_system_info(kInfoBlockSize);
+  u64 space = sys_system_info(kInfoFreeBlocks) * block_size;
+  u64 needed = max + sum + kSpareRoom + sum / 8;
+  say_number("ota: space ", space);
+  say_number("ota: needed ", needed);
+  if (space < needed) {
+    say_number("ota: short by ", needed - space);
+    return not_enough_space();
+  }
+
+  for (u64 i = 0;; i++) {
+    const char* line = nth_package_line(i);
+    if (line == nullptr) break;
+    if (!package_needs_update(line)) continue;
+    char hash[kHashFieldBytes];
+    char file[kPackageFieldBytes];
+    line_field(line, 2, hash, sizeof hash);
+    line_field(line, 4, file, sizeof file);
+    if (!download_package(file, package_length(line), hash)) return 1;
+    say_text("ota: hash ok ", file);
+    char signature[kPackageFieldBytes + 4];
+    str_append_at(signature, str_copy(signature, file), ".sig");
+    if (fetch_to_work(signature) != 0) return fail("ota: cannot fetch: ", signature);
+  }
+  if (fetch_to_work("INDEX") != 0) return fail("ota: cannot fetch: ", "INDEX");
+  if (fetch_to_work("INDEX.sig") != 0) return fail("ota: cannot fetch: ", "INDEX.sig");
+
+  // The files are on disk now; what the installer needs beside them must still be free.
+  space = sys_system_info(kInfoFreeBlocks) * block_size;
+  if (space < sum / 8 + max + kSpareRoom) return not_enough_space();
+
+  for (u64 i = 0;; i++) {
+    const char* line = nth_package_line(i);
+    if (line == nullptr) break;
+    if (!package_needs_update(line)) continue;
+    char name[kPackageNameBytes];
+    char file[kPackageFieldBytes];
+    line_field(line, 0, name, sizeof name);
+    line_field(line, 4, file, sizeof file);
+    say_text("ota: applying with tpk ", name);
+    i64 code = run_tpk("update", name, "--source", kWorkDir, 5);
+    if (code != 0) {
+      say_number("ota: tpk did not install, code ", static_cast<u64>(code));
+      return 1;
+    }
+    char local[kPathBytes];
+    work_path(local, file);
+    remove_file(local);
+    str_append(local, ".sig");
+    remove_file(local);
+  }
+  if (!write_installed_version(offered)) return fail("ota: /system/FASSUNG could not be set", nullptr);
+  print_out("ota: READY FOR RESTART -- it will NOT\n     restart by itself. `reboot`.\n");
+  return 0;
+}
+
+int apply_command() {
+  nothing_installed = false;
+  write_update_state("einspielen");
+  int r = apply_packages();
+  if (r == 0 && nothing_installed) {
+    write_update_state("ruhe");
+    return 0;
+  }
+  write_update_state(r != 0 ? "fehler" : "bereit");
+  return r;
+}
+
+}  // namespace ota

@@ -1,0 +1,92 @@
+#include "packages/fetch.h"
+
+#include "config/source.h"
+#include "runtime/files.h"
+#include "runtime/process.h"
+#include "runtime/text.h"
+
+namespace ota {
+
+namespace {
+
+// One argument vector serves every start; starts never overlap.
+constexpr usize kProgramWords = 8;
+const char* program_words[kProgramWords];
+char url[kUrlBytes];
+char offset_text[kDecimalBytes];
+
+void build_url(const char* file_name) {
+  usize len = str_copy(url, source_settings.source);
+  len = str_append_char(url, len, '/');
+  if (source_settings.channel[0] != 0) {
+    len = str_append_at(url, len, source_settings.channel);
+    len = str_append_char(url, len, '/');
+  }
+  str_append_at(url, len, file_name);
+}
+
+}  // namespace
+
+i64 run_fetch(const char* file_name, const char* local_path, u64 offset) {
+  u64 n = 0;
+  program_words[n++] = "/bin/fetch";
+  program_words[n++] = "-o";
+  program_words[n++] = local_path;
+  if (source_settings.device_name[0] != 0) {
+    program_words[n++] = "-n";
+    program_words[n++] = source_settings.device_name;
+  }
+  if (offset != 0) {
+    format_decimal(offset, offset_text, 0);
+    program_words[n++] = "-b";
+    program_words[n++] = offset_text;
+  }
+  build_url(file_name);
+  program_words[n++] = url;
+  return run_program("/bin/fetch", program_words, n);
+}
+
+i64 run_tpk(const char* word1, const char* word2, const char* word3, const char* word4, u64 count) {
+  program_words[0] = "/bin/tpk";
+  program_words[1] = word1;
+  program_words[2] = word2;
+  program_words[3] = word3;
+  program_words[4] = word4;
+  return run_program("/bin/tpk", program_words, count);
+}
+
+int sync_clock() {
+  program_words[0] = "/bin/sntp";
+  return run_program("/bin/sntp", program_words, 1) == 0;
+}
+
+int clock_needs_sync() {
+  char state[4];
+  i64 n = read_file("/system/clock.stand", state, sizeof state);
+  if (n >= 1) return state[0] != 'S';
+  char ntp[400];
+  n = read_file("/etc/ntp.conf", ntp, sizeof ntp - 1);
+  if (n < 9) return 0;
+  return mem_find(ntp, static_cast<usize>(n), "auto=true", 9) >= 0;
+}
+
+i64 fetch_to_work(const char* name) {
+  char local[kUrlBytes];
+  work_path(local, name);
+  remove_file(local);
+  return run_fetch(name, local, 0);
+}
+
+int fetch_command(const char* name, const char* target) {
+  if (load_source_settings() != 0) return 1;
+  load_device_name();
+  // The file name becomes part of a path and a URL: nothing that could climb out of
+  // the work directory or the source is passed on.
+  if (name[0] == 0 || str_find(name, "/") >= 0 || str_find(name, "..") >= 0) return fail("ota: cannot fetch: ", name);
+  make_work_dir();
+  remove_file(target);
+  if (run_fetch(name, target, 0) == 0) return 0;
+  return fail("ota: cannot fetch: ", name);
+}
+
+}  // namespace ota

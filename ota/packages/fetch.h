@@ -1,0 +1,22 @@
+#pragma once
+// Every file comes from the source through /bin/fetch; the installer /bin/tpk and the
+// clock setter /bin/sntp are started the same way. ota always waits for them.
+
+#include "runtime/syscall.h"
+
+namespace ota {
+
+// The source (199), "/", the channel (19), "/", a file name (127) and ".sig".
+constexpr usize kUrlBytes = 360;
+
+// Exit code of /bin/fetch, or -1 when it could not be started.
+i64 run_fetch(const char* file_name, const char* local_path, u64 offset);
+// /bin/tpk with up to four words; count includes "/bin/tpk" itself.
+i64 run_tpk(const char* word1, const char* word2, const char* word3, const char* word4, u64 count);
+int sync_clock();
+int clock_needs_sync();
+// Removes the work copy of name and fetches it there; the exit code of /bin/fetch.
+i64 fetch_to_work(const char* name);
+int fetch_command(const char* name, const char* target);
+
+}  // namespace ota

@@ -1,0 +1,72 @@
+#include "packages/update_state.h"
+
+#include "runtime/files.h"
+#include "runtime/text.h"
+#include "trust/keys.h"
+
+namespace ota {
+
+u64 offered_version = 0;
+bool catalog_fetch_failed = false;
+
+namespace {
+
+// Four short lines: two numbers of up to 20 digits, the clock and the longest phase word.
+constexpr usize kStateRecordBytes = 160;
+// state_is_ready looks at the first 150 bytes.
+constexpr usize kStateReadBytes = 150;
+
+}  // namespace
+
+usize append_clock_text(char* dst, usize len) {
+  len += format_decimal(sys_system_info(kInfoYear), dst + len, 0);
+  len = str_append_char(dst, len, '-');
+  len = str_append_two_digits(dst, sys_system_info(kInfoMonth));
+  len = str_append_char(dst, len, '-');
+  len = str_append_two_digits(dst, sys_system_info(kInfoDay));
+  len = str_append_char(dst, len, ' ');
+  len = str_append_two_digits(dst, sys_system_info(kInfoHour));
+  len = str_append_char(dst, len, ':');
+  return str_append_two_digits(dst, sys_system_info(kInfoMinute));
+}
+
+void write_update_state(const char* phase) {
+  u64 here = read_installed_version();
+  if (offered_version == 0) offered_version = here;
+  char record[kStateRecordBytes];
+  usize len = str_copy(record, "dort=");
+  len += format_decimal(offered_version, record + len, 0);
+  len = str_append_at(record, len, "\nhier=");
+  len += format_decimal(here, record + len, 0);
+  len = str_append_at(record, len, "\nzeit=");
+  len = append_clock_text(record, len);
+  len = str_append_at(record, len, "\nphase=");
+  len = str_append_at(record, len, phase);
+  len = str_append_char(record, len, '\n');
+  replace_file(kUpdateStatePath, record, len);
+}
+
+int state_is_ready() {
+  char text[kStateReadBytes];
+  i64 n = read_file(kUpdateStatePath, text, sizeof text);
+  return n > 0 && mem_find(text, static_cast<usize>(n), "phase=bereit", 12) >= 0;
+}
+
+int check_offered_version(u64 offered, u64 here, bool verbose) {
+  if (verbose) {
+    say_number("ota: version here ", here);
+    say_number("ota: version there ", offered);
+  }
+  if (offered > here) return 0;
+  if (offered == here && verbose) {
+    print_out("ota: up to date, nothing to do\n");
+    return 1;
+  }
+  char line[96];
+  usize len = str_copy(line, "ota: ROLLBACK REFUSED -- offered is ");
+  len += format_decimal(offered, line + len, 0);
+  str_append_at(line, len, ", this device is already at ");
+  return fail_number(line, here);
+}
+
+}  // namespace ota

@@ -1,0 +1,16 @@
+#pragma once
+// `ota system apply`: from the offered build to a state in which a restart boots it on
+// trial, or to files applied at once when the kernel does not change.
+
+#include "runtime/syscall.h"
+
+namespace ota {
+
+int system_apply(bool restart);
+int apply_without_kernel();
+bool fetch_kernel_to_slot_b();
+bool slot_a_is_offered_kernel();
+void update_trust_roots();
+void restart_shell_programs();
+
+}  // namespace ota

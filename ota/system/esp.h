@@ -1,0 +1,28 @@
+#pragma once
+// The EFI system partition: found among the boot disks' first partitions, mounted at
+// /sysesp for the length of one operation, and the two kernel slots on it.
+
+#include "runtime/syscall.h"
+
+namespace ota {
+
+constexpr const char* kEspMount = "/sysesp";
+constexpr const char* kMenuPath = "/sysesp/limine.conf";
+// The menu is read whole up to 24,000 bytes; a file that fills them is refused.
+constexpr usize kMenuBytes = 24000;
+// "/sysesp", a kernel directory below 90 characters and "/tavi-b.mb".
+constexpr usize kSlotPathBytes = 128;
+
+extern char slot_a_path[kSlotPathBytes];
+extern char slot_b_path[kSlotPathBytes];
+
+bool try_mount_esp(const char* device);
+bool mount_esp();
+void unmount_esp();
+int esp_report();
+// Reads the menu into buf (kMenuBytes); the byte count, or -1.
+i64 read_menu(char* buf);
+// SHA-256 of a file as 64 lowercase hex digits; 0 when it cannot be opened.
+int file_sha256_hex(const char* path, char out[65]);
+
+}  // namespace ota

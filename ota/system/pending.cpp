@@ -1,0 +1,146 @@
+#include "system/pending.h"
+
+#include "records/trial_record.h"
+#include "runtime/files.h"
+#include "runtime/text.h"
+#include "system/esp.h"
+#include "system/manifest.h"
+#include "system/menu.h"
+#include "system/overlay.h"
+
+namespace ota {
+
+namespace {
+
+constexpr usize kPendingBytes = 300;
+constexpr usize kVersionBytes = 200;
+constexpr usize kCommitPrefix = 7;
+
+void eight_digits(char* out, u64 v) {
+  v %= 100000000;
+  for (int i = 7; i >= 0; i--) {
+    out[i] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  }
+}
+
+// The value text after key in the record, or null.
+const char* after_key(const char* text, usize len, const char* key) {
+  i64 at = mem_find(text, len, key, str_len(key));
+  return at < 0 ? nullptr : text + at + str_len(key);
+}
+
+bool slot_matches(const char* path, const char* hash) {
+  char hex[65];
+  return file_sha256_hex(path, hex) && str_equal_n(hex, hash, 64);
+}
+
+int roll_back() {
+  remove_file(kSystemPendingPath);
+  restore_overlay();
+  write_system_status("failed");
+  print_out("system: trial kernel was rolled back, update dropped\n");
+  return 2;
+}
+
+}  // namespace
+
+bool arm_system_trial() {
+  char text[11];
+  i64 n = read_file(kCurrentGenerationPath, text, sizeof text);
+  u64 generation = 0;
+  if (n < 8) {
+    if (!write_number_file(kCurrentGenerationPath, 0)) return false;
+  } else {
+    // The digits among the first eight characters, in order; anything else is skipped.
+    for (int i = 0; i < 8; i++) {
+      if (text[i] >= '0' && text[i] <= '9') generation = generation * 10 + static_cast<u64>(text[i] - '0');
+    }
+  }
+  char record[kTrialRecordBytes + 1];
+  usize len = str_copy(record, "gen=");
+  eight_digits(record + len, generation);
+  len = str_append_at(record, len + 8, " vor=");
+  eight_digits(record + len, generation);
+  len = str_append_at(record, len + 8, " v=00 ok=0\n");
+  if (len != kTrialRecordBytes) return false;
+  return replace_file(kTrialRecordPath, record, len);
+}
+
+bool write_pending_record() {
+  char record[kPendingBytes];
+  usize len = str_copy(record, "count=");
+  len += format_decimal(manifest.build, record + len, 0);
+  len = str_append_at(record, len, "\ncommit=");
+  len = str_append_at(record, len, manifest.commit);
+  len = str_append_at(record, len, "\nsha=");
+  len = str_append_at(record, len, manifest.kernel.sha);
+  len = str_append_char(record, len, '\n');
+  return replace_file(kSystemPendingPath, record, len);
+}
+
+bool system_trial_pending() {
+  char text[8];
+  return read_file(kSystemPendingPath, text, sizeof text) >= 1;
+}
+
+bool running_kernel_is(const char* commit7) {
+  char version[kVersionBytes + kCommitPrefix + 1];
+  mem_fill(version, 0, sizeof version);
+  i64 n = read_file("/proc/version", version, kVersionBytes);
+  if (n <= 0) return false;
+  const char* build = after_key(version, static_cast<usize>(n), " build ");
+  return build != nullptr && mem_equal(build, commit7, kCommitPrefix);
+}
+
+int confirm_system_update() {
+  // Zero-filled, so values near the end of a short record compare as zero bytes.
+  char record[kPendingBytes + 80];
+  mem_fill(record, 0, sizeof record);
+  i64 n = read_file(kSystemPendingPath, record, kPendingBytes);
+  if (n <= 0) {
+    restore_overlay();
+    return 0;
+  }
+  usize len = static_cast<usize>(n);
+  const char* count = after_key(record, len, "count=");
+  const char* commit = after_key(record, len, "commit=");
+  const char* sha = after_key(record, len, "sha=");
+  if (count == nullptr || commit == nullptr || sha == nullptr) {
+    remove_file(kSystemPendingPath);
+    restore_overlay();
+    return 2;
+  }
+  u64 build = parse_decimal(count);
+  char hash[65];
+  mem_copy(hash, sha, 64);
+  hash[64] = 0;
+
+  if (!running_kernel_is(commit)) return roll_back();
+  if (!mount_esp()) return 0;
+  static char menu[kMenuBytes + 1];
+  i64 m = read_menu(menu);
+  if (m <= 0 || m >= static_cast<i64>(kMenuBytes)) {
+    unmount_esp();
+    return 0;
+  }
+  if (mem_find(menu, static_cast<usize>(m), "default_entry: 2", 16) < 0) {
+    // The menu no longer starts the trial entry.
+    unmount_esp();
+    return roll_back();
+  }
+  bool promoted = slot_matches(slot_b_path, hash) && copy_file(slot_b_path, slot_a_path) &&
+                  slot_matches(slot_a_path, hash) && reset_default_entry();
+  unmount_esp();
+  if (!promoted) return 0;  // stays pending; the next confirmation tries again
+
+  write_number_file(kSystemVersionPath, build);
+  remove_file(kSystemPendingPath);
+  commit_overlay();
+  manifest.build = build;
+  write_system_status("current");
+  print_out("system: new kernel confirmed and promoted to slot A\n");
+  return 1;
+}
+
+}  // namespace ota

@@ -1,0 +1,19 @@
+#pragma once
+// The pending system update: the trial armed when a kernel is staged, the record of what
+// is pending, and the decision after the restart.
+
+#include "runtime/syscall.h"
+
+namespace ota {
+
+constexpr const char* kCurrentGenerationPath = "/system/AKTUELL";
+
+bool arm_system_trial();
+bool write_pending_record();
+bool system_trial_pending();
+// Whether the seven characters after the first " build " of /proc/version equal the
+// first seven of commit7 (which must hold at least seven readable bytes).
+bool running_kernel_is(const char* commit7);
+int confirm_system_update();
+
+}  // namespace ota

@@ -1,0 +1,105 @@
+#include "trust/blocked.h"
+
+#include "runtime/files.h"
+#include "runtime/text.h"
+#include "trust/catalog_text.h"
+
+namespace ota {
+
+BlockedTable blocked;
+
+namespace {
+
+constexpr const char* kBlockedTag = "gesperrt\t";
+constexpr usize kBlockedTagLength = 9;
+// The version field is read with 24 bytes (23 characters).
+constexpr usize kVersionFieldBytes = 24;
+
+// The index-th catalog line's version text; 0 when there is no such line, -1 when the
+// line has no version field.
+int catalog_blocked_field(u64 index, char out[kVersionFieldBytes]) {
+  const char* line = find_catalog_line(kBlockedTag, kBlockedTagLength, index);
+  if (line == nullptr) return 0;
+  return line_field(line, 0, out, kVersionFieldBytes) ? 1 : -1;
+}
+
+}  // namespace
+
+void load_blocked_versions() {
+  blocked.count = 0;
+  i64 n = read_file(kBlockedPath, blocked.bytes, kBlockedFileBytes);
+  if (n < static_cast<i64>(kBlockedRecordBytes)) return;
+  u64 records = static_cast<u64>(n) / kBlockedRecordBytes;
+  blocked.count = records > kBlockedRecords ? kBlockedRecords : records;
+}
+
+int is_in_blocked_list(u64 version) {
+  for (u64 i = 0; i < blocked.count; i++) {
+    char digits[9];
+    mem_copy(digits, blocked.bytes + i * kBlockedRecordBytes, 8);
+    digits[8] = 0;
+    if (parse_decimal(digits) == version) return 1;
+  }
+  return 0;
+}
+
+int add_blocked_version(u64 version) {
+  if (is_in_blocked_list(version) || blocked.count >= kBlockedRecords) return 0;
+  char* record = blocked.bytes + blocked.count * kBlockedRecordBytes;
+  u64 v = version % 100000000;
+  for (int i = 7; i >= 0; i--) {
+    record[i] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  }
+  record[8] = '\n';
+  blocked.count++;
+  return 1;
+}
+
+void merge_blocked_versions() {
+  load_blocked_versions();
+  u64 added = 0;
+  char field[kVersionFieldBytes];
+  for (u64 index = 0;; index++) {
+    int found = catalog_blocked_field(index, field);
+    if (found == 0) break;
+    if (found > 0) added += static_cast<u64>(add_blocked_version(parse_decimal(field)));
+  }
+  if (added > 0) overwrite_in_place(kBlockedPath, blocked.bytes, blocked.count * kBlockedRecordBytes);
+}
+
+int version_is_blocked(u64 version) {
+  load_blocked_versions();
+  if (is_in_blocked_list(version)) return 1;
+  char field[kVersionFieldBytes];
+  for (u64 index = 0;; index++) {
+    int found = catalog_blocked_field(index, field);
+    if (found == 0) return 0;
+    if (found > 0 && parse_decimal(field) == version) return 1;
+  }
+}
+
+void print_blocked_versions() {
+  // The list is one line, put together here and written in pieces only when long.
+  char line[512];
+  usize len = 0;
+  bool any = false;
+  char field[kVersionFieldBytes];
+  for (u64 index = 0;; index++) {
+    int found = catalog_blocked_field(index, field);
+    if (found == 0) break;
+    if (found < 0) continue;
+    if (len + kVersionFieldBytes + 32 > sizeof line) {
+      print_bytes(line, len);
+      len = 0;
+    }
+    len = str_append_at(line, len, any ? " " : "ota: blocked versions: ");
+    len = str_append_at(line, len, field);
+    any = true;
+  }
+  if (!any) return;
+  len = str_append_char(line, len, '\n');
+  print_bytes(line, len);
+}
+
+}  // namespace ota

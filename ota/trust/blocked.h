@@ -1,0 +1,29 @@
+#pragma once
+// Versions a signed catalog withdrew. The device remembers every one it has seen in
+// /system/GESPERRT, so a replayed or later catalog cannot bring one back.
+
+#include "runtime/syscall.h"
+
+namespace ota {
+
+constexpr const char* kBlockedPath = "/system/GESPERRT";
+// 64 records of 9 bytes; one byte less than 65 records so a 640-byte file still
+// yields 64.
+constexpr usize kBlockedRecords = 64;
+constexpr usize kBlockedRecordBytes = 9;
+constexpr usize kBlockedFileBytes = 639;
+
+struct BlockedTable {
+  char bytes[kBlockedFileBytes + kBlockedRecordBytes];
+  u64 count;
+};
+extern BlockedTable blocked;
+
+void load_blocked_versions();
+int is_in_blocked_list(u64 version);
+int add_blocked_version(u64 version);
+void merge_blocked_versions();
+int version_is_blocked(u64 version);
+void print_blocked_versions();
+
+}  // namespace ota

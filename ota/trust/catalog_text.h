@@ -1,0 +1,28 @@
+#pragma once
+// The verified catalog (or system manifest) held in memory, and the readers of its lines.
+// Every line is read by its tag at a line start; fields are separated by single TABs.
+
+#include "runtime/syscall.h"
+
+namespace ota {
+
+// The catalog is read into 32,767 bytes; a 0 always follows the text.
+constexpr usize kCatalogBytes = 32767;
+
+struct CatalogText {
+  char text[kCatalogBytes + 1];
+  usize length;  // 0: no valid catalog is held
+};
+extern CatalogText catalog;
+
+// Position just after the tag of the index-th line (from 0) that begins with the tag.
+const char* find_catalog_line(const char* tag, usize tag_length, u64 index);
+// 1 when field n of the line at `line` is non-empty; it is copied to out (at most
+// capacity - 1 bytes, 0-terminated). Fields end at TAB; an LF or `end` ends the line.
+int catalog_field(const char* line, const char* end, u64 n, char* out, usize capacity);
+// catalog_field over the held catalog.
+int line_field(const char* line, u64 n, char* out, usize capacity);
+// The end of the held catalog text.
+const char* catalog_end();
+
+}  // namespace ota

@@ -1,0 +1,41 @@
+#pragma once
+// The device's trusted key, its spare key, the key generation and the installed version,
+// and the walk along the key changes a catalog carries.
+
+#include "runtime/syscall.h"
+
+namespace ota {
+
+constexpr usize kKeyBytes = 32;
+constexpr usize kSignatureBytes = 64;
+
+constexpr const char* kTrustedKeyPath = "/system/schluessel.pub";
+constexpr const char* kSpareKeyPath = "/system/ersatz.pub";
+constexpr const char* kKeyGenerationPath = "/system/SCHLUESSELGEN";
+constexpr const char* kInstalledVersionPath = "/system/FASSUNG";
+
+struct TrustState {
+  u8 trusted_key[kKeyBytes];
+  u8 spare_key[kKeyBytes];
+  bool spare_present;
+  u64 stored_generation;
+  u64 current_generation;
+  bool chain_broken;
+  bool spare_key_used;
+  u8 signature[kSignatureBytes];
+};
+extern TrustState trust;
+
+u64 read_installed_version();
+int write_installed_version(u64 version);
+u64 read_key_generation();
+int write_key_generation(u64 generation);
+int load_trusted_keys();
+// Whether 32 bytes can be read from the spare key file.
+int spare_key_file_present();
+u32 hex_digit_value(u8 c);
+int hex_decode(const char* text, u8* out, usize n);
+void follow_key_chain();
+int verify_catalog_signature(const u8* message, usize length);
+
+}  // namespace ota
