@@ -425,6 +425,34 @@ TEST(MenuRewrite, RewriteIsIdempotentOnGeneratedMenus) {
   EXPECT_EQ(rewritten, 4000);
 }
 
+TEST(MenuRewrite, AnyAcceptedTextRewritesToAFixedPoint) {
+  // Texts strung together from the tokens the rules look at, in any order: whatever the
+  // check accepts, the rewrite of the rewrite is the rewrite itself.
+  const char* tokens[] = {"/",  "//", "\n", "\r", " ", "\t", "x", "path: boot():", "/tavi.mb", "/tavi-b.mb",
+                          "/d", "default_entry:", "1", "2", "3", "\n/t\n  path: boot():/tavi.mb\n"};
+  std::mt19937 rng(99);
+  int accepted = 0;
+  for (int i = 0; i < 60000; i++) {
+    std::string in;
+    for (int k = static_cast<int>(rng() % 24); k > 0; k--) in += tokens[rng() % (sizeof tokens / sizeof *tokens)];
+    std::vector<char> exact(in.begin(), in.end());  // no closing zero to lean on
+    std::vector<char> out(kMenuOutputBytes);
+    int code = check_and_add_entry_b(exact.data(), exact.size(), out.data(), out.size());
+    ASSERT_GE(code, 0);
+    ASSERT_LE(code, 4);
+    if (code != 0) continue;
+    accepted++;
+    std::string dir = menu_kernel_dir();
+    std::string first(out.data(), menu_new_length());
+    Rewrite second = rewrite(first);
+    ASSERT_EQ(second.code, 0) << in;
+    ASSERT_EQ(second.text, first) << in;
+    ASSERT_TRUE(find_first_entry_kernel_dir(first.data(), first.size()));
+    ASSERT_EQ(std::string(menu_kernel_dir()), dir);
+  }
+  EXPECT_GT(accepted, 1000);
+}
+
 // The file operations, on a scratch directory in place of the mounted partition.
 class MenuFiles : public ::testing::Test {
  protected:
