@@ -36,11 +36,14 @@ ReleaseCommon read_release_common(const Args& args) {
 
   static const char* const kReadTags[] = {"fassung\t", "paket\t",  "kette\t",  "gesperrt\t",
                                           "system\t",  "sysfile\t", "sysgz\t", "syslink\t"};
+  // Extra lines are for kinds devices do not read (notes to people, kinds of later
+  // releases); they may have TAB-separated fields, but a LF or CR would start a line of any
+  // kind, and the kinds devices read have options of their own that check them.
   for (const std::string& line : args.all("--extra-line")) {
     for (unsigned char c : line) {
-      if (c < 0x20 || c == 0x7f) {
-        throw Error("extra line " + shown(line) + " contains a control character; a TAB would split it into "
-                    "fields and a LF or CR into lines");
+      if ((c < 0x20 && c != '\t') || c == 0x7f) {
+        throw Error("extra line " + shown(line) + " contains a control character; a LF or CR would start a new "
+                    "line that no check has seen");
       }
     }
     for (const char* tag : kReadTags) {
@@ -50,8 +53,6 @@ ReleaseCommon read_release_common(const Args& args) {
     }
     common.extra_lines.push_back(line);
   }
-  // TAB inside an extra line is refused above with the other control characters, so a
-  // line can never begin a known kind by accident after its first field either.
   if (auto spare = args.get("--spare")) common.spare = load_public_key(*spare);
   return common;
 }
