@@ -107,15 +107,15 @@ TEST_F(CatalogTest, SameInputsGiveByteIdenticalSources) {
 }
 
 TEST_F(CatalogTest, ExistingOutputIsRefusedWithoutForceAndReplacedWholeWithIt) {
-  std::string spec = "foo:1:" + s("foo-1.0.tpk") + ":tavi-x86_64";
-  ASSERT_EQ(catalog({"--version", "1", "--package", spec}).status, 0);
+  std::string given = "foo:1:" + s("foo-1.0.tpk") + ":tavi-x86_64";
+  ASSERT_EQ(catalog({"--version", "1", "--package", given}).status, 0);
   put(s("src/stray"), "left from before\n");
-  Outcome r = catalog({"--version", "2", "--package", spec});
+  Outcome r = catalog({"--version", "2", "--package", given});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("already exists"), std::string::npos) << r.err;
   EXPECT_EQ(lines_of(get(s("src/VERZEICHNIS")))[1], "fassung\t1");
 
-  r = catalog({"--version", "2", "--package", spec, "--force"});
+  r = catalog({"--version", "2", "--package", given, "--force"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(lines_of(get(s("src/VERZEICHNIS")))[1], "fassung\t2");
   EXPECT_FALSE(exists(s("src/stray"))) << "the old directory is replaced, not merged";

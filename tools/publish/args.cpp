@@ -6,7 +6,7 @@
 
 namespace publish {
 
-Args::Args(int argc, char** argv, int first, const std::vector<OptionSpec>& specs) {
+Args::Args(int argc, char** argv, int first, const std::vector<OptionRule>& rules) {
   for (int i = first; i < argc; ++i) {
     std::string word = argv[i];
     if (word.size() < 3 || word.compare(0, 2, "--") != 0) {
@@ -21,17 +21,17 @@ Args::Args(int argc, char** argv, int first, const std::vector<OptionSpec>& spec
       name = word.substr(0, eq);
       value = word.substr(eq + 1);
     }
-    const OptionSpec* spec = nullptr;
-    for (const OptionSpec& s : specs) {
-      if (name == s.name) spec = &s;
+    const OptionRule* rule = nullptr;
+    for (const OptionRule& s : rules) {
+      if (name == s.name) rule = &s;
     }
-    if (spec == nullptr) throw UsageError("unknown option " + name);
-    if (spec->takes_value && !value) {
+    if (rule == nullptr) throw UsageError("unknown option " + name);
+    if (rule->takes_value && !value) {
       if (i + 1 >= argc) throw UsageError("option " + name + " needs a value");
       value = argv[++i];
     }
-    if (!spec->takes_value && value) throw UsageError("option " + name + " takes no value");
-    if (!spec->repeatable && values_.count(name) != 0) throw UsageError("option " + name + " is given twice");
+    if (!rule->takes_value && value) throw UsageError("option " + name + " takes no value");
+    if (!rule->repeatable && values_.count(name) != 0) throw UsageError("option " + name + " is given twice");
     values_[name].push_back(value.value_or(""));
   }
 }

@@ -8,7 +8,7 @@
 
 namespace publish {
 
-struct OptionSpec {
+struct OptionRule {
   const char* name;  // with its leading "--"
   bool takes_value;
   bool repeatable;
@@ -18,7 +18,7 @@ class Args {
  public:
   // Reads argv[first..argc); throws UsageError for an unknown option, a missing value or a
   // repeated single option.
-  Args(int argc, char** argv, int first, const std::vector<OptionSpec>& specs);
+  Args(int argc, char** argv, int first, const std::vector<OptionRule>& rules);
 
   bool has(const std::string& name) const { return values_.count(name) != 0; }
   std::optional<std::string> get(const std::string& name) const;

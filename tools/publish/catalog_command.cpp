@@ -66,17 +66,17 @@ bool for_this_machine(const std::optional<std::string>& platform) {
   return platform && (*platform == "tavi-x86_64" || *platform == "tavi-any");
 }
 
-Package parse_package(const std::string& spec) {
+Package parse_package(const std::string& given) {
   std::vector<std::string> parts;
   std::size_t start = 0;
   for (;;) {
-    std::size_t colon = spec.find(':', start);
-    parts.push_back(spec.substr(start, colon == std::string::npos ? std::string::npos : colon - start));
+    std::size_t colon = given.find(':', start);
+    parts.push_back(given.substr(start, colon == std::string::npos ? std::string::npos : colon - start));
     if (colon == std::string::npos) break;
     start = colon + 1;
   }
   if (parts.size() != 3 && parts.size() != 4) {
-    throw UsageError("--package " + spec + ": expected NAME:WORD:FILE or NAME:WORD:FILE:PLATFORM");
+    throw UsageError("--package " + given + ": expected NAME:WORD:FILE or NAME:WORD:FILE:PLATFORM");
   }
   Package p;
   p.name = parts[0];
@@ -87,7 +87,7 @@ Package parse_package(const std::string& spec) {
   check_field_length(p.name, limits::kPackageName, "package name");
   check_field_text(p.word, "second word of package " + p.name);
   check_field_length(p.word, limits::kPackageWord, "second word of package " + p.name);
-  if (p.path.empty()) throw UsageError("--package " + spec + ": the FILE part is empty");
+  if (p.path.empty()) throw UsageError("--package " + given + ": the FILE part is empty");
   p.file = base_name(p.path);
   check_download_name(p.file, limits::kPackageFile, "package file name");
   check_field_length(p.file + ".sig", limits::kPackageFile, "package signature name");
@@ -101,10 +101,10 @@ Package parse_package(const std::string& spec) {
 }  // namespace
 
 int catalog_command(int argc, char** argv) {
-  std::vector<OptionSpec> specs = release_options(true);
-  specs.push_back({"--version", true, false});
-  specs.push_back({"--package", true, true});
-  Args args(argc, argv, 2, specs);
+  std::vector<OptionRule> rules = release_options(true);
+  rules.push_back({"--version", true, false});
+  rules.push_back({"--package", true, true});
+  Args args(argc, argv, 2, rules);
   if (!args.positional().empty()) throw UsageError("catalog takes no word " + args.positional().front());
 
   ReleaseCommon common = read_release_common(args);
@@ -112,7 +112,7 @@ int catalog_command(int argc, char** argv) {
   if (version == 0) throw Error("version 0 means \"none\" on a device and is never offered");
 
   std::vector<Package> packages;
-  for (const std::string& spec : args.all("--package")) packages.push_back(parse_package(spec));
+  for (const std::string& given : args.all("--package")) packages.push_back(parse_package(given));
   std::set<std::string> mine;
   std::set<std::pair<std::string, std::string>> named;
   for (const Package& p : packages) {

@@ -7,12 +7,12 @@
 
 namespace publish {
 
-std::vector<OptionSpec> release_options(bool with_test_source) {
-  std::vector<OptionSpec> specs = {{"--key", true, false},   {"--out", true, false},   {"--force", false, false},
+std::vector<OptionRule> release_options(bool with_test_source) {
+  std::vector<OptionRule> rules = {{"--key", true, false},   {"--out", true, false},   {"--force", false, false},
                                    {"--chain", true, true},  {"--spare", true, false}, {"--block", true, true},
                                    {"--extra-line", true, true}};
-  if (with_test_source) specs.push_back({"--test-source", false, false});
-  return specs;
+  if (with_test_source) rules.push_back({"--test-source", false, false});
+  return rules;
 }
 
 ReleaseCommon read_release_common(const Args& args) {

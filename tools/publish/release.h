@@ -14,7 +14,7 @@
 namespace publish {
 
 // Options both release commands take; --test-source only matters to the catalog.
-std::vector<OptionSpec> release_options(bool with_test_source);
+std::vector<OptionRule> release_options(bool with_test_source);
 
 struct ReleaseCommon {
   std::string out;

@@ -74,15 +74,15 @@ Entry make_entry(const std::string& kind, const std::string& target, const std::
 }  // namespace
 
 int system_command(int argc, char** argv) {
-  std::vector<OptionSpec> specs = release_options(false);
+  std::vector<OptionRule> rules = release_options(false);
   for (const char* name : {"--build", "--commit", "--min-from", "--kernel", "--notes", "--roots"}) {
-    specs.push_back({name, true, false});
+    rules.push_back({name, true, false});
   }
-  specs.push_back({"--gzip-kernel", false, false});
-  specs.push_back({"--gzip-roots", false, false});
-  specs.push_back({"--file", true, true});
-  specs.push_back({"--link", true, true});
-  Args args(argc, argv, 2, specs);
+  rules.push_back({"--gzip-kernel", false, false});
+  rules.push_back({"--gzip-roots", false, false});
+  rules.push_back({"--file", true, true});
+  rules.push_back({"--link", true, true});
+  Args args(argc, argv, 2, rules);
   if (!args.positional().empty()) throw UsageError("system takes no word " + args.positional().front());
 
   ReleaseCommon common = read_release_common(args);
@@ -107,14 +107,14 @@ int system_command(int argc, char** argv) {
 
   std::set<std::string> targets;
   std::vector<std::string> file_targets;
-  for (const std::string& spec : args.all("--file")) {
-    std::size_t eq = spec.find('=');
-    if (eq == std::string::npos) throw UsageError("--file " + spec + ": expected TARGET=PATH or TARGET=PATH:gz");
-    std::string target = spec.substr(0, eq);
-    std::string path = spec.substr(eq + 1);
+  for (const std::string& given : args.all("--file")) {
+    std::size_t eq = given.find('=');
+    if (eq == std::string::npos) throw UsageError("--file " + given + ": expected TARGET=PATH or TARGET=PATH:gz");
+    std::string target = given.substr(0, eq);
+    std::string path = given.substr(eq + 1);
     bool gz = path.size() > 3 && path.compare(path.size() - 3, 3, ":gz") == 0;
     if (gz) path.resize(path.size() - 3);
-    if (path.empty()) throw UsageError("--file " + spec + ": the PATH part is empty");
+    if (path.empty()) throw UsageError("--file " + given + ": the PATH part is empty");
     check_field_text(target, "overlay target");
     check_field_length(target, limits::kTargetKept, "overlay target");
     std::string problem = target_problem(target);
@@ -128,16 +128,16 @@ int system_command(int argc, char** argv) {
     entries.push_back(make_entry("file", target, path, gz));
   }
   std::vector<LinkEntry> links;
-  for (const std::string& spec : args.all("--link")) {
-    std::size_t eq = spec.find('=');
-    if (eq == std::string::npos) throw UsageError("--link " + spec + ": expected LINKPATH=/bin/NAME");
-    LinkEntry link{spec.substr(0, eq), spec.substr(eq + 1)};
+  for (const std::string& given : args.all("--link")) {
+    std::size_t eq = given.find('=');
+    if (eq == std::string::npos) throw UsageError("--link " + given + ": expected LINKPATH=/bin/NAME");
+    LinkEntry link{given.substr(0, eq), given.substr(eq + 1)};
     check_field_text(link.first, "link path");
     check_field_length(link.first, limits::kTargetKept, "link path");
     check_field_text(link.second, "link target");
     check_field_length(link.second, limits::kTargetKept, "link target");
     std::string problem = link_problem(link.first, link.second);
-    if (!problem.empty()) throw Error("link " + shown(spec) + " is not allowed: " + problem);
+    if (!problem.empty()) throw Error("link " + shown(given) + " is not allowed: " + problem);
     if (!targets.insert(link.first).second) {
       throw Error("link path " + shown(link.first) + " is also an overlay target or another link");
     }
