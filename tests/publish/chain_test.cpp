@@ -215,6 +215,27 @@ TEST_F(ChainTest, ChainFileThatIsNotAKeyChangeIsRefused) {
   EXPECT_FALSE(exists(s("src")));
 }
 
+TEST_F(ChainTest, SystemSourceCarriesKeyChangesAndBlockedVersionsToo) {
+  make_three_steps();
+  ASSERT_EQ(publish({"kernel", "--build", "9", "--commit", "abcdef0", "--out", s("k.mb")}).status, 0);
+  Outcome r = publish({"system", "--key", s.key("k3"), "--out", s("sys"), "--build", "9", "--commit", "abcdef0",
+                       "--kernel", s("k.mb"), "--chain", s("c1"), "--chain", s("c2"), "--chain", s("c3"), "--block",
+                       "4"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::string text = get(s("sys/VERZEICHNIS"));
+  EXPECT_NE(text.find("\ngesperrt\t4\n"), std::string::npos);
+  EXPECT_NE(text.find(get(s("c3"))), std::string::npos);
+  r = publish({"check", s("sys"), "--trusted", s.pub("k0"), "--system"});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("signature ok with the key of generation 3"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("blocked versions: 4"), std::string::npos) << r.out;
+  r = publish({"system", "--key", s.key("k1"), "--out", s("sys2"), "--build", "9", "--commit", "abcdef0",
+               "--kernel", s("k.mb"), "--chain", s("c1"), "--chain", s("c2"), "--chain", s("c3")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("not the key of generation 3"), std::string::npos) << r.err;
+  EXPECT_FALSE(exists(s("sys2")));
+}
+
 TEST_F(ChainTest, CheckFindsABrokenStepAfterAHandEdit) {
   make_three_steps();
   ASSERT_EQ(catalog("k3", {"c1", "c2", "c3"}).status, 0);

@@ -198,6 +198,16 @@ TEST_F(SystemTest, NotesRootsAndKernelFiles) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("kernel file \"" + s("nothing.mb") + "\""), std::string::npos) << r.err;
 
+  r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg",
+               "--kernel", s("empty")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("kernel file \"" + s("empty") + "\" is empty"), std::string::npos) << r.err;
+  std::string long_notes = std::string(120, 'n');
+  put(s(long_notes), "notes\n");
+  expect_refused({"--notes", s(long_notes)}, {"notes file name", "120 characters; a device keeps at most 119"});
+  expect_refused({"--roots", s(long_notes)}, {"roots file name", "120 characters; a device keeps at most 119"});
+  expect_refused({"--min-from", "2024-01"}, {"min_from \"2024-01\" is not a decimal number"});
+
   std::string long_kernel = std::string(119, 'k');
   ASSERT_EQ(publish({"kernel", "--build", "5", "--commit", "abcdefg", "--out", s(long_kernel)}).status, 0);
   r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg",
