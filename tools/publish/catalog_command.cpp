@@ -145,8 +145,8 @@ int catalog_command(int argc, char** argv) {
     if (p.platform) text += "\t" + *p.platform;
     text += "\n";
     index += p.name + "\t" + std::to_string(version) + "\t" + p.file + "\t" + p.sha + "\n";
-    files.add(p.file, p.data, "package file " + p.path);
     Signature sig = common.key->sign(p.data);
+    files.add(p.file, std::move(p.data), "package file " + p.path);
     files.add(p.file + ".sig", Bytes(sig.begin(), sig.end()), "signature of " + p.path);
   }
   text += trailing_lines(common);

@@ -83,14 +83,14 @@ void check_catalog_size(const std::string& text) {
   }
 }
 
-void SourceFiles::add(const std::string& name, const Bytes& data, const std::string& what) {
+void SourceFiles::add(const std::string& name, Bytes data, const std::string& what) {
   auto it = files_.find(name);
   if (it != files_.end()) {
     if (it->second == data) return;
     throw Error(what + " and " + owners_[name] + " would both be published as " + shown(name) +
                 " with different contents");
   }
-  files_[name] = data;
+  files_[name] = std::move(data);
   owners_[name] = what;
 }
 

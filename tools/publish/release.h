@@ -42,7 +42,7 @@ void check_catalog_size(const std::string& text);
 // the same bytes (then one copy is published).
 class SourceFiles {
  public:
-  void add(const std::string& name, const Bytes& data, const std::string& what);
+  void add(const std::string& name, Bytes data, const std::string& what);
   const std::map<std::string, Bytes>& files() const { return files_; }
 
  private:

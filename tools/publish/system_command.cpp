@@ -54,8 +54,6 @@ struct Entry {
   bool gz = false;
   Bytes data;
   std::string sha;
-  Bytes gz_data;
-  std::string gz_sha;
 };
 
 Entry make_entry(const std::string& kind, const std::string& target, const std::string& path, bool gz) {
@@ -164,14 +162,13 @@ int system_command(int argc, char** argv) {
     text += "sysfile\t" + e.kind + "\t" + e.sha + "\t" + std::to_string(e.data.size()) + "\t" + e.name;
     if (e.kind == "file") text += "\t" + e.target;
     text += "\n";
-    files.add(e.name, e.data, std::string(what) + " " + e.path);
     if (e.gz) {
-      e.gz_data = gzip_bytes(e.data);
-      e.gz_sha = sha256_hex(e.gz_data);
-      gz_lines += "sysgz\t" + e.target + "\t" + e.gz_sha + "\t" + std::to_string(e.gz_data.size()) + "\t" + e.name +
-                  ".gz\n";
-      files.add(e.name + ".gz", e.gz_data, std::string("gzip variant of ") + e.path);
+      Bytes packed = gzip_bytes(e.data);
+      gz_lines += "sysgz\t" + e.target + "\t" + sha256_hex(packed) + "\t" + std::to_string(packed.size()) + "\t" +
+                  e.name + ".gz\n";
+      files.add(e.name + ".gz", std::move(packed), std::string("gzip variant of ") + e.path);
     }
+    files.add(e.name, std::move(e.data), std::string(what) + " " + e.path);
   }
   text += gz_lines;
   for (const LinkEntry& link : links) text += "syslink\t" + link.first + "\t" + link.second + "\n";

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 
 namespace publish {
 
@@ -18,8 +17,11 @@ Bytes read_file(const std::string& path, const char* what) {
   if (!S_ISREG(st.st_mode)) throw Error(std::string("cannot read ") + what + " " + shown(path) + ": not a regular file");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw Error(std::string("cannot read ") + what + " " + shown(path) + ": " + std::strerror(errno));
-  Bytes data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) throw Error(std::string("cannot read ") + what + " " + shown(path));
+  Bytes data(static_cast<std::size_t>(st.st_size));
+  in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(data.size()));
+  if (static_cast<std::size_t>(in.gcount()) != data.size() || in.bad()) {
+    throw Error(std::string("cannot read ") + what + " " + shown(path) + ": it changed while being read");
+  }
   return data;
 }
 
