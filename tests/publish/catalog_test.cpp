@@ -38,25 +38,29 @@ class CatalogTest : public ::testing::Test {
 
 TEST_F(CatalogTest, WritesTheCatalogPackagesSignaturesAndIndex) {
   Outcome r = catalog({"--version", "12", "--package", "foo:1.0:" + s("foo-1.0.tpk") + ":tavi-x86_64", "--package",
-                   "bar:2.1:" + s("bar-2.1.tpk") + ":tavi-any", "--block", "9", "--block", "10", "--extra-line",
-                   "hinweis\\tnot a field"});
+                       "bar:2.1:" + s("bar-2.1.tpk") + ":tavi-any", "--block", "9", "--block", "10", "--extra-line",
+                       "hinweis\\tnot a field"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(names_in(s("src")),
             (std::vector<std::string>{"INDEX", "INDEX.sig", "VERZEICHNIS", "VERZEICHNIS.sig", "bar-2.1.tpk",
                                       "bar-2.1.tpk.sig", "foo-1.0.tpk", "foo-1.0.tpk.sig"}));
   std::string foo = get(s("foo-1.0.tpk"));
   std::string bar = get(s("bar-2.1.tpk"));
-  std::string expected = "OTA2\n"
-                         "fassung\t12\n"
-                         "paket\tfoo\t1.0\t" + sha256_hex(foo) + "\t" + std::to_string(foo.size()) +
-                         "\tfoo-1.0.tpk\ttavi-x86_64\n"
-                         "paket\tbar\t2.1\t" + sha256_hex(bar) + "\t3000\tbar-2.1.tpk\ttavi-any\n"
-                         "gesperrt\t9\n"
-                         "gesperrt\t10\n"
-                         "hinweis\\tnot a field\n";
+  std::string expected =
+      "OTA2\n"
+      "fassung\t12\n"
+      "paket\tfoo\t1.0\t" +
+      sha256_hex(foo) + "\t" + std::to_string(foo.size()) +
+      "\tfoo-1.0.tpk\ttavi-x86_64\n"
+      "paket\tbar\t2.1\t" +
+      sha256_hex(bar) +
+      "\t3000\tbar-2.1.tpk\ttavi-any\n"
+      "gesperrt\t9\n"
+      "gesperrt\t10\n"
+      "hinweis\\tnot a field\n";
   EXPECT_EQ(get(s("src/VERZEICHNIS")), expected);
-  EXPECT_EQ(get(s("src/INDEX")), "foo\t12\tfoo-1.0.tpk\t" + sha256_hex(foo) + "\nbar\t12\tbar-2.1.tpk\t" +
-                                     sha256_hex(bar) + "\n");
+  EXPECT_EQ(get(s("src/INDEX")),
+            "foo\t12\tfoo-1.0.tpk\t" + sha256_hex(foo) + "\nbar\t12\tbar-2.1.tpk\t" + sha256_hex(bar) + "\n");
   EXPECT_EQ(get(s("src/foo-1.0.tpk")), foo);
   EXPECT_EQ(get(s("src/bar-2.1.tpk")), bar);
 
@@ -97,8 +101,10 @@ TEST_F(CatalogTest, NoPackageForThisMachineIsRefusedUnlessATestSourceIsWanted) {
 }
 
 TEST_F(CatalogTest, SameInputsGiveByteIdenticalSources) {
-  std::vector<std::string> args = {"--version", "4", "--package", "foo:1.0:" + s("foo-1.0.tpk") + ":tavi-x86_64",
-                                   "--package", "bar:2.1:" + s("bar-2.1.tpk") + ":tavi-any", "--block", "2"};
+  std::vector<std::string> args = {"--version", "4",
+                                   "--package", "foo:1.0:" + s("foo-1.0.tpk") + ":tavi-x86_64",
+                                   "--package", "bar:2.1:" + s("bar-2.1.tpk") + ":tavi-any",
+                                   "--block",   "2"};
   ASSERT_EQ(catalog(args, "a").status, 0);
   ASSERT_EQ(catalog(args, "b").status, 0);
   std::vector<std::string> names = names_in(s("a"));

@@ -21,9 +21,10 @@ class ChainTest : public ::testing::Test {
 
   // A package catalog signed with `key` that carries the given key-change files.
   Outcome catalog(const std::string& key, const std::vector<std::string>& chains, const std::string& out = "src",
-              const std::vector<std::string>& more = {}) {
-    std::vector<std::string> words = {"catalog", "--key", s.key(key), "--out", s(out), "--version", "7",
-                                      "--package", "p:w:" + s("pkg") + ":tavi-x86_64"};
+                  const std::vector<std::string>& more = {}) {
+    std::vector<std::string> words = {"catalog", "--key",     s.key(key),
+                                      "--out",   s(out),      "--version",
+                                      "7",       "--package", "p:w:" + s("pkg") + ":tavi-x86_64"};
     for (const std::string& c : chains) {
       words.push_back("--chain");
       words.push_back(s(c));
@@ -67,8 +68,8 @@ TEST_F(ChainTest, ThreeKeyChangesVerifyGenerationByGenerationOverTheExactSignedT
     // Not the next key's, nor the text with a LF, nor another generation number.
     EXPECT_FALSE(openssl_verify(get(s.pub(keys[i])), signed_text, sig));
     EXPECT_FALSE(openssl_verify(get(s.pub(signers[i])), signed_text + "\n", sig));
-    EXPECT_FALSE(openssl_verify(get(s.pub(signers[i])),
-                                "tavi-schluessel\t" + std::to_string(i + 2) + "\t" + f[2], sig));
+    EXPECT_FALSE(
+        openssl_verify(get(s.pub(signers[i])), "tavi-schluessel\t" + std::to_string(i + 2) + "\t" + f[2], sig));
   }
 }
 
@@ -197,8 +198,8 @@ TEST_F(ChainTest, ChainRefusesBadGenerationsAndAnExistingFile) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("already exists"), std::string::npos) << r.err;
   EXPECT_EQ(get(s("c1")), before);
-  r = publish({"chain", "--signer", s.key("k0"), "--new", s.pub("k2"), "--generation", "1", "--out", s("c1"),
-               "--force"});
+  r = publish(
+      {"chain", "--signer", s.key("k0"), "--new", s.pub("k2"), "--generation", "1", "--out", s("c1"), "--force"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_NE(get(s("c1")), before);
 }
@@ -218,9 +219,9 @@ TEST_F(ChainTest, ChainFileThatIsNotAKeyChangeIsRefused) {
 TEST_F(ChainTest, SystemSourceCarriesKeyChangesAndBlockedVersionsToo) {
   make_three_steps();
   ASSERT_EQ(publish({"kernel", "--build", "9", "--commit", "abcdef0", "--out", s("k.mb")}).status, 0);
-  Outcome r = publish({"system", "--key", s.key("k3"), "--out", s("sys"), "--build", "9", "--commit", "abcdef0",
-                       "--kernel", s("k.mb"), "--chain", s("c1"), "--chain", s("c2"), "--chain", s("c3"), "--block",
-                       "4"});
+  Outcome r =
+      publish({"system", "--key", s.key("k3"), "--out", s("sys"), "--build", "9", "--commit", "abcdef0", "--kernel",
+               s("k.mb"), "--chain", s("c1"), "--chain", s("c2"), "--chain", s("c3"), "--block", "4"});
   ASSERT_EQ(r.status, 0) << r.err;
   std::string text = get(s("sys/VERZEICHNIS"));
   EXPECT_NE(text.find("\ngesperrt\t4\n"), std::string::npos);
@@ -229,8 +230,8 @@ TEST_F(ChainTest, SystemSourceCarriesKeyChangesAndBlockedVersionsToo) {
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("signature ok with the key of generation 3"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("blocked versions: 4"), std::string::npos) << r.out;
-  r = publish({"system", "--key", s.key("k1"), "--out", s("sys2"), "--build", "9", "--commit", "abcdef0",
-               "--kernel", s("k.mb"), "--chain", s("c1"), "--chain", s("c2"), "--chain", s("c3")});
+  r = publish({"system", "--key", s.key("k1"), "--out", s("sys2"), "--build", "9", "--commit", "abcdef0", "--kernel",
+               s("k.mb"), "--chain", s("c1"), "--chain", s("c2"), "--chain", s("c3")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("not the key of generation 3"), std::string::npos) << r.err;
   EXPECT_FALSE(exists(s("sys2")));

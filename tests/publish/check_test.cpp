@@ -17,7 +17,7 @@ class CheckTest : public ::testing::Test {
     put(s("foo.tpk"), "foo package\n");
     put(s("bar.tpk"), "bar package\n");
     Outcome r = publish({"catalog", "--key", s.key("k0"), "--out", s("src"), "--version", "8", "--package",
-                     "foo:1:" + s("foo.tpk") + ":tavi-x86_64", "--package", "bar:2:" + s("bar.tpk") + ":tavi-any"});
+                         "foo:1:" + s("foo.tpk") + ":tavi-x86_64", "--package", "bar:2:" + s("bar.tpk") + ":tavi-any"});
     ASSERT_EQ(r.status, 0) << r.err;
   }
 
@@ -164,7 +164,7 @@ class CheckSystemTest : public ::testing::Test {
     ASSERT_EQ(publish({"kernel", "--build", "30", "--commit", "0123456789", "--out", s("tavi.mb")}).status, 0);
     put(s("prog"), std::string(1000, 'p'));
     Outcome r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "30", "--commit", "0123456789",
-                     "--kernel", s("tavi.mb"), "--gzip-kernel", "--file", "prog=" + s("prog") + ":gz"});
+                         "--kernel", s("tavi.mb"), "--gzip-kernel", "--file", "prog=" + s("prog") + ":gz"});
     ASSERT_EQ(r.status, 0) << r.err;
   }
 

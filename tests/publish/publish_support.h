@@ -104,8 +104,8 @@ inline Outcome publish(const std::vector<std::string>& words, const std::string&
 
 inline bool openssl_verify(const std::string& pub, const std::string& message, const std::string& sig) {
   if (pub.size() != 32 || sig.size() != 64) return false;
-  EVP_PKEY* key = EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr,
-                                              reinterpret_cast<const unsigned char*>(pub.data()), 32);
+  EVP_PKEY* key =
+      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char*>(pub.data()), 32);
   if (key == nullptr) return false;
   EVP_MD_CTX* ctx = EVP_MD_CTX_new();
   bool ok = EVP_DigestVerifyInit(ctx, nullptr, nullptr, nullptr, key) == 1 &&
@@ -162,7 +162,8 @@ inline std::string hex(const std::string& bytes) {
 
 inline std::string unhex(const std::string& text) {
   std::string out;
-  for (std::size_t i = 0; i + 1 < text.size(); i += 2) out.push_back(static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16)));
+  for (std::size_t i = 0; i + 1 < text.size(); i += 2)
+    out.push_back(static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16)));
   return out;
 }
 

@@ -21,8 +21,8 @@ class SystemTest : public ::testing::Test {
   }
 
   std::vector<std::string> base() {
-    return {"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "20250110", "--commit", "a1b2c3d4e5",
-            "--kernel", s("tavi.mb")};
+    return {"system",   "--key",    s.key("k0"),  "--out",    s("sys"),    "--build",
+            "20250110", "--commit", "a1b2c3d4e5", "--kernel", s("tavi.mb")};
   }
 
   Outcome system(std::vector<std::string> more, const std::string& out = "sys") {
@@ -44,8 +44,8 @@ class SystemTest : public ::testing::Test {
 
 TEST_F(SystemTest, ManifestListsEveryEntryAndTheSourceHoldsEveryDownload) {
   Outcome r = system({"--min-from", "20240101", "--gzip-kernel", "--notes", s("notes.txt"), "--roots", s("roots.pem"),
-                  "--gzip-roots", "--file", "taskbar=" + s("taskbar") + ":gz", "--file",
-                  "/etc/net/hosts.conf=" + s("hosts.conf"), "--link", "/apps/bar/start=/bin/taskbar"});
+                      "--gzip-roots", "--file", "taskbar=" + s("taskbar") + ":gz", "--file",
+                      "/etc/net/hosts.conf=" + s("hosts.conf"), "--link", "/apps/bar/start=/bin/taskbar"});
   ASSERT_EQ(r.status, 0) << r.err;
   std::string kernel = get(s("tavi.mb"));
   std::string notes = get(s("notes.txt"));
@@ -58,14 +58,30 @@ TEST_F(SystemTest, ManifestListsEveryEntryAndTheSourceHoldsEveryDownload) {
   std::string expected =
       "OTA2\n"
       "system\t20250110\ta1b2c3d4e5\t20240101\n"
-      "sysfile\tkernel\t" + sha256_hex(kernel) + "\t4096\ttavi.mb\n"
-      "sysfile\tnotes\t" + sha256_hex(notes) + "\t" + std::to_string(notes.size()) + "\tnotes.txt\n"
-      "sysfile\troots\t" + sha256_hex(roots) + "\t" + std::to_string(roots.size()) + "\troots.pem\n"
-      "sysfile\tfile\t" + sha256_hex(taskbar) + "\t" + std::to_string(taskbar.size()) + "\ttaskbar\ttaskbar\n"
-      "sysfile\tfile\t" + sha256_hex(hosts) + "\t" + std::to_string(hosts.size()) + "\thosts.conf\t/etc/net/hosts.conf\n"
-      "sysgz\tkernel\t" + sha256_hex(kernel_gz) + "\t" + std::to_string(kernel_gz.size()) + "\ttavi.mb.gz\n"
-      "sysgz\troots\t" + sha256_hex(roots_gz) + "\t" + std::to_string(roots_gz.size()) + "\troots.pem.gz\n"
-      "sysgz\ttaskbar\t" + sha256_hex(taskbar_gz) + "\t" + std::to_string(taskbar_gz.size()) + "\ttaskbar.gz\n"
+      "sysfile\tkernel\t" +
+      sha256_hex(kernel) +
+      "\t4096\ttavi.mb\n"
+      "sysfile\tnotes\t" +
+      sha256_hex(notes) + "\t" + std::to_string(notes.size()) +
+      "\tnotes.txt\n"
+      "sysfile\troots\t" +
+      sha256_hex(roots) + "\t" + std::to_string(roots.size()) +
+      "\troots.pem\n"
+      "sysfile\tfile\t" +
+      sha256_hex(taskbar) + "\t" + std::to_string(taskbar.size()) +
+      "\ttaskbar\ttaskbar\n"
+      "sysfile\tfile\t" +
+      sha256_hex(hosts) + "\t" + std::to_string(hosts.size()) +
+      "\thosts.conf\t/etc/net/hosts.conf\n"
+      "sysgz\tkernel\t" +
+      sha256_hex(kernel_gz) + "\t" + std::to_string(kernel_gz.size()) +
+      "\ttavi.mb.gz\n"
+      "sysgz\troots\t" +
+      sha256_hex(roots_gz) + "\t" + std::to_string(roots_gz.size()) +
+      "\troots.pem.gz\n"
+      "sysgz\ttaskbar\t" +
+      sha256_hex(taskbar_gz) + "\t" + std::to_string(taskbar_gz.size()) +
+      "\ttaskbar.gz\n"
       "syslink\t/apps/bar/start\t/bin/taskbar\n";
   EXPECT_EQ(get(s("sys/VERZEICHNIS")), expected);
   EXPECT_TRUE(verifies(get(s.pub("k0")), expected, get(s("sys/VERZEICHNIS.sig"))));
@@ -88,7 +104,7 @@ TEST_F(SystemTest, GzipVariantsUnpackWithZlibToTheAnnouncedSizeAndHash) {
                 .status,
             0);
   std::string text = get(s("sys/VERZEICHNIS"));
-  std::map<std::string, std::vector<std::string>> plain;  // target -> sysfile fields
+  std::map<std::string, std::vector<std::string>> plain;   // target -> sysfile fields
   std::map<std::string, std::vector<std::string>> packed;  // target -> sysgz fields
   for (const std::string& line : lines_of(text)) {
     std::vector<std::string> f = fields_of(line);
@@ -115,8 +131,9 @@ TEST_F(SystemTest, GzipVariantsUnpackWithZlibToTheAnnouncedSizeAndHash) {
 }
 
 TEST_F(SystemTest, SameInputsGiveByteIdenticalSources) {
-  std::vector<std::string> more = {"--gzip-kernel", "--notes", s("notes.txt"), "--file",
-                                   "taskbar=" + s("taskbar") + ":gz", "--link", "/etc/bar=/bin/taskbar"};
+  std::vector<std::string> more = {
+      "--gzip-kernel",        "--notes", s("notes.txt"), "--file", "taskbar=" + s("taskbar") + ":gz", "--link",
+      "/etc/bar=/bin/taskbar"};
   ASSERT_EQ(system(more, "a").status, 0);
   ASSERT_EQ(system(more, "b").status, 0);
   ASSERT_EQ(names_in(s("a")), names_in(s("b")));
@@ -131,7 +148,8 @@ TEST_F(SystemTest, KernelStandInImage) {
   for (std::size_t i = first.size(); i < image.size(); ++i) {
     ASSERT_EQ(static_cast<unsigned char>(image[i]), i % 251) << i;
   }
-  Outcome r = publish({"kernel", "--build", "7", "--commit", "deadbeef", "--broken", "--size", "100", "--out", s("bad.mb")});
+  Outcome r =
+      publish({"kernel", "--build", "7", "--commit", "deadbeef", "--broken", "--size", "100", "--out", s("bad.mb")});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(get(s("bad.mb")).size(), 100u);
   EXPECT_EQ(get(s("bad.mb")).rfind("TAVI-KERNEL build=7 commit=deadbeef health=broken\n", 0), 0u);
@@ -147,7 +165,7 @@ TEST_F(SystemTest, KernelStandInImage) {
 
 TEST_F(SystemTest, BuildCommitAndMinFromLimits) {
   Outcome r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "2025x", "--commit", "a1b2c3d4",
-                   "--kernel", s("tavi.mb")});
+                       "--kernel", s("tavi.mb")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("build \"2025x\" is not a decimal number"), std::string::npos) << r.err;
   r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "100000000", "--commit", "a1b2c3d4",
@@ -155,8 +173,8 @@ TEST_F(SystemTest, BuildCommitAndMinFromLimits) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("at most 99999999"), std::string::npos) << r.err;
   auto with_commit = [&](const std::string& commit) {
-    return publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", commit,
-                    "--kernel", s("tavi.mb")});
+    return publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", commit, "--kernel",
+                    s("tavi.mb")});
   };
   r = with_commit("abc1234");
   EXPECT_EQ(r.status, 0) << r.err;
@@ -194,12 +212,12 @@ TEST_F(SystemTest, NotesRootsAndKernelFiles) {
   expect_refused({"--roots", s("empty")}, {"empty"});
   expect_refused({"--roots", s("nothing.pem")}, {"roots file", "nothing.pem"});
   Outcome r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg",
-                   "--kernel", s("nothing.mb")});
+                       "--kernel", s("nothing.mb")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("kernel file \"" + s("nothing.mb") + "\""), std::string::npos) << r.err;
 
-  r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg",
-               "--kernel", s("empty")});
+  r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg", "--kernel",
+               s("empty")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("kernel file \"" + s("empty") + "\" is empty"), std::string::npos) << r.err;
   std::string long_notes = std::string(120, 'n');
@@ -210,20 +228,20 @@ TEST_F(SystemTest, NotesRootsAndKernelFiles) {
 
   std::string long_kernel = std::string(119, 'k');
   ASSERT_EQ(publish({"kernel", "--build", "5", "--commit", "abcdefg", "--out", s(long_kernel)}).status, 0);
-  r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg",
-               "--kernel", s(long_kernel)});
+  r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg", "--kernel",
+               s(long_kernel)});
   EXPECT_EQ(r.status, 0) << r.err;
   std::filesystem::remove_all(s("sys"));
   // Its gzip variant would have a name of 122 characters.
-  r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg",
-               "--kernel", s(long_kernel), "--gzip-kernel"});
+  r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg", "--kernel",
+               s(long_kernel), "--gzip-kernel"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("gzip name of kernel"), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("122 characters; a device keeps at most 119"), std::string::npos) << r.err;
   std::string too_long = std::string(120, 'k');
   ASSERT_EQ(publish({"kernel", "--build", "5", "--commit", "abcdefg", "--out", s(too_long)}).status, 0);
-  r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg",
-               "--kernel", s(too_long)});
+  r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "5", "--commit", "abcdefg", "--kernel",
+               s(too_long)});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("kernel file name"), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("120 characters; a device keeps at most 119"), std::string::npos) << r.err;
@@ -256,8 +274,8 @@ TEST_F(SystemTest, OverlayTargetsFollowTheDeviceRules) {
 
   // Accepted forms: a bare name and each allowed absolute prefix, at their longest.
   Outcome r = system({"--file", "x.y-z_1=" + f, "--file", std::string(59, 'p') + "=" + f, "--file",
-                  "/apps/clock/start=" + f, "--file", "/usr/share/a=" + f, "--file", "/lib/" + std::string(54, 'l') + "=" + f,
-                  "--file", "/etc/a=" + f});
+                      "/apps/clock/start=" + f, "--file", "/usr/share/a=" + f, "--file",
+                      "/lib/" + std::string(54, 'l') + "=" + f, "--file", "/etc/a=" + f});
   EXPECT_EQ(r.status, 0) << r.err;
 }
 

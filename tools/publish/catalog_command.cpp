@@ -124,8 +124,9 @@ int catalog_command(int argc, char** argv) {
   if (!common.test_source) {
     if (packages.empty()) throw Error("no --package given; a device refuses a VERZEICHNIS that names no package");
     if (mine.empty()) {
-      throw Error("no package is for tavi-x86_64 or tavi-any; a tavi device finds NO PACKAGE for its platform "
-                  "(add :tavi-x86_64 or :tavi-any to a --package)");
+      throw Error(
+          "no package is for tavi-x86_64 or tavi-any; a tavi device finds NO PACKAGE for its platform "
+          "(add :tavi-x86_64 or :tavi-any to a --package)");
     }
     for (std::uint64_t blocked : common.blocked) {
       if (blocked == version) throw Error("version " + std::to_string(version) + " is offered and blocked at once");
@@ -165,10 +166,11 @@ int catalog_command(int argc, char** argv) {
   for (const auto& [name, data] : files.files()) dir.write(name, data);
   dir.commit();
 
-  std::printf("ota-publish: wrote %s: version %llu, %zu package(s) (%zu for tavi-x86_64), %zu blocked, %zu key "
-              "change(s)\n",
-              common.out.c_str(), static_cast<unsigned long long>(version), packages.size(), mine.size(),
-              common.blocked.size(), common.chain.size());
+  std::printf(
+      "ota-publish: wrote %s: version %llu, %zu package(s) (%zu for tavi-x86_64), %zu blocked, %zu key "
+      "change(s)\n",
+      common.out.c_str(), static_cast<unsigned long long>(version), packages.size(), mine.size(), common.blocked.size(),
+      common.chain.size());
   std::printf("ota-publish: VERZEICHNIS %zu of 32767 bytes, signed by %s\n", text.size(),
               hex_lower(common.key_public.data(), common.key_public.size()).c_str());
   for (const Package& p : packages) {

@@ -22,8 +22,11 @@ const char kChainHelp[] =
 
 int chain_command(int argc, char** argv) {
   Args args(argc, argv, 2,
-            {{"--signer", true, false}, {"--new", true, false}, {"--generation", true, false},
-             {"--out", true, false}, {"--force", false, false}});
+            {{"--signer", true, false},
+             {"--new", true, false},
+             {"--generation", true, false},
+             {"--out", true, false},
+             {"--force", false, false}});
   if (!args.positional().empty()) throw UsageError("chain takes no word " + args.positional().front());
   std::string out = args.required("--out");
   std::uint64_t generation = parse_number(args.required("--generation"), "key generation", limits::kStoredNumberMax);

@@ -179,7 +179,8 @@ void Checker::check_packages() {
     Field file = field(*at, 4, limits::kPackageFile, label + " file name");
     Field platform = field(*at, 5, limits::kPlatformTag, label + " platform tag");
     if (!name.present) report.problem(label + " has no package name");
-    if (!is_lower_hex64(sha.whole)) report.problem(label + " SHA-256 " + shown(sha.whole) + " is not 64 lowercase hex digits");
+    if (!is_lower_hex64(sha.whole))
+      report.problem(label + " SHA-256 " + shown(sha.whole) + " is not 64 lowercase hex digits");
     std::uint64_t size = device_decimal(length.value);
     if (!is_plain_number(length.whole) || size == 0) {
       report.problem(label + " length " + shown(length.whole) + " is not a number above 0");
@@ -188,7 +189,7 @@ void Checker::check_packages() {
       report.problem(label + " has no file name");
       continue;
     }
-    if (file.whole.size() + 4 > limits::kPackageFile) {
+    if (file.whole.size() + limits::kSigSuffix > limits::kPackageFile) {
       report.problem(label + " signature name " + shown(file.whole + ".sig") + " is longer than 127 characters");
     }
     bool for_me = platform.present && (platform.value == "tavi-x86_64" || platform.value == "tavi-any");
@@ -203,8 +204,10 @@ void Checker::check_packages() {
     }
     announced[name.value + "\t" + file.value] = {file.value, sha.whole};
   }
-  if (total == 0) report.problem("the VERZEICHNIS names no package");
-  else if (mine == 0) report.problem("NO PACKAGE for this platform (tavi-x86_64 or tavi-any)");
+  if (total == 0)
+    report.problem("the VERZEICHNIS names no package");
+  else if (mine == 0)
+    report.problem("NO PACKAGE for this platform (tavi-x86_64 or tavi-any)");
 
   std::optional<Bytes> index = read_optional(path("INDEX"));
   if (!index) {
@@ -406,7 +409,9 @@ void Checker::check_system() {
 
 int check_command(int argc, char** argv) {
   Args args(argc, argv, 2,
-            {{"--trusted", true, false}, {"--spare", true, false}, {"--generation", true, false},
+            {{"--trusted", true, false},
+             {"--spare", true, false},
+             {"--generation", true, false},
              {"--system", false, false}});
   if (args.positional().size() != 1) throw UsageError("check needs exactly one source directory");
   Checker c;
@@ -433,7 +438,8 @@ int check_command(int argc, char** argv) {
     c.report.problem("NO SIGNATURE for the VERZEICHNIS (VERZEICHNIS.sig missing or shorter than 64 bytes)");
     return c.report.finish();
   }
-  if (sig->size() > kSignatureBytes) c.report.warn("VERZEICHNIS.sig is longer than 64 bytes; devices read the first 64");
+  if (sig->size() > kSignatureBytes)
+    c.report.warn("VERZEICHNIS.sig is longer than 64 bytes; devices read the first 64");
   c.text = as_string(*catalog);
 
   ChainWalk walk = walk_key_chain(c.text, trusted, spare, generation);

@@ -27,8 +27,12 @@ constexpr std::uint64_t kMaxSize = 256ull << 20;  // a stand-in has no reason to
 
 int kernel_command(int argc, char** argv) {
   Args args(argc, argv, 2,
-            {{"--build", true, false}, {"--commit", true, false}, {"--broken", false, false},
-             {"--size", true, false}, {"--out", true, false}, {"--force", false, false}});
+            {{"--build", true, false},
+             {"--commit", true, false},
+             {"--broken", false, false},
+             {"--size", true, false},
+             {"--out", true, false},
+             {"--force", false, false}});
   if (!args.positional().empty()) throw UsageError("kernel takes no word " + args.positional().front());
   std::string out = args.required("--out");
   std::uint64_t build = parse_number(args.required("--build"), "build", limits::kStoredNumberMax);

@@ -99,7 +99,8 @@ std::vector<ChainLine> check_chain_lines(const std::vector<ChainLine>& lines, co
               (spare && verify_signature(*spare, bytes, message.size(), step.signature.data()));
     if (!ok) {
       throw Error("the key change to generation " + std::to_string(g) + " is not signed by the key of generation " +
-                  std::to_string(g - 1) + (spare ? " nor by the spare key" : " (give --spare PUB if the spare key signed it)") +
+                  std::to_string(g - 1) +
+                  (spare ? " nor by the spare key" : " (give --spare PUB if the spare key signed it)") +
                   "; a device would find the chain broken");
     }
   }

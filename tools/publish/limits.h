@@ -20,10 +20,10 @@ constexpr std::uint64_t kStoredNumberMax = 99999999;
 constexpr std::size_t kNumberField = 19;
 
 // "paket" line fields.
-constexpr std::size_t kPackageName = 63;      // install reads the name with 64 bytes
-constexpr std::size_t kPackageWord = 127;     // second word, shown by search only
-constexpr std::size_t kPackageFile = 127;     // file name at the source
-constexpr std::size_t kSigSuffix = 4;         // ".sig" appended for the package signature
+constexpr std::size_t kPackageName = 63;   // install reads the name with 64 bytes
+constexpr std::size_t kPackageWord = 127;  // second word, shown by search only
+constexpr std::size_t kPackageFile = 127;  // file name at the source
+constexpr std::size_t kSigSuffix = 4;      // ".sig" appended for the package signature
 constexpr std::size_t kPlatformTag = 31;
 constexpr std::size_t kShaHexChars = 64;
 
@@ -45,7 +45,7 @@ constexpr std::size_t kNotesBytes = 2000;
 // Overlay targets, link paths and link targets are kept with 59 characters, one less than
 // the 60 the target rules would allow; a longer one would be cut into a different path.
 constexpr std::size_t kTargetKept = 59;
-constexpr std::size_t kTargetMin = 6;         // shortest allowed absolute path
+constexpr std::size_t kTargetMin = 6;  // shortest allowed absolute path
 // The overlay journal is written only while it stays within 7900 bytes; before a file
 // line the text plus the target plus 3 must fit, before a link line the text plus 140.
 constexpr std::size_t kJournalBytes = 7900;

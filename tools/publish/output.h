@@ -10,8 +10,7 @@ namespace publish {
 
 // Refuses an existing output unless `force` is given (then it will be replaced whole).
 // `replaceable` false marks outputs that no option can replace (keys).
-void check_output_free(const std::string& path, bool force, const char* what, bool directory,
-                       bool replaceable = true);
+void check_output_free(const std::string& path, bool force, const char* what, bool directory, bool replaceable = true);
 
 class StagedDirectory {
  public:

@@ -8,8 +8,8 @@
 namespace publish {
 
 std::vector<OptionRule> release_options(bool with_test_source) {
-  std::vector<OptionRule> rules = {{"--key", true, false},   {"--out", true, false},   {"--force", false, false},
-                                   {"--chain", true, true},  {"--spare", true, false}, {"--block", true, true},
+  std::vector<OptionRule> rules = {{"--key", true, false},      {"--out", true, false},   {"--force", false, false},
+                                   {"--chain", true, true},     {"--spare", true, false}, {"--block", true, true},
                                    {"--extra-line", true, true}};
   if (with_test_source) rules.push_back({"--test-source", false, false});
   return rules;
@@ -34,7 +34,7 @@ ReleaseCommon read_release_common(const Args& args) {
                 " blocked versions; a device keeps at most 64 and would forget the rest");
   }
 
-  static const char* const kReadTags[] = {"fassung\t", "paket\t",  "kette\t",  "gesperrt\t",
+  static const char* const kReadTags[] = {"fassung\t", "paket\t",   "kette\t", "gesperrt\t",
                                           "system\t",  "sysfile\t", "sysgz\t", "syslink\t"};
   // Extra lines are for kinds devices do not read (notes to people, kinds of later
   // releases); they may have TAB-separated fields, but a LF or CR would start a line of any
@@ -42,7 +42,8 @@ ReleaseCommon read_release_common(const Args& args) {
   for (const std::string& line : args.all("--extra-line")) {
     for (unsigned char c : line) {
       if ((c < 0x20 && c != '\t') || c == 0x7f) {
-        throw Error("extra line " + shown(line) + " contains a control character; a LF or CR would start a new "
+        throw Error("extra line " + shown(line) +
+                    " contains a control character; a LF or CR would start a new "
                     "line that no check has seen");
       }
     }

@@ -8,8 +8,7 @@ namespace publish {
 namespace {
 
 bool is_name_char(char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' || c == '-' ||
-         c == '_';
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' || c == '-' || c == '_';
 }
 
 bool starts_with(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
@@ -86,7 +85,8 @@ std::string target_problem(std::string_view target) {
            "named by their bare name)";
   }
   for (char c : target) {
-    if (!is_name_char(c) && c != '/') return "an absolute path holds only letters, digits, \".\", \"-\", \"_\" and \"/\"";
+    if (!is_name_char(c) && c != '/')
+      return "an absolute path holds only letters, digits, \".\", \"-\", \"_\" and \"/\"";
   }
   if (target.find("..") != std::string_view::npos) return "an absolute path must not contain \"..\"";
   if (target.find("//") != std::string_view::npos) return "an absolute path must not contain \"//\"";
@@ -106,8 +106,7 @@ std::string link_problem(std::string_view path, std::string_view target) {
   return "";
 }
 
-std::size_t check_overlay_journal(const std::vector<std::string>& file_targets,
-                                  const std::vector<LinkEntry>& links) {
+std::size_t check_overlay_journal(const std::vector<std::string>& file_targets, const std::vector<LinkEntry>& links) {
   std::size_t length = 0;
   for (std::size_t i = 0; i < file_targets.size(); ++i) {
     const std::string& target = file_targets[i];

@@ -30,7 +30,6 @@ using LinkEntry = std::pair<std::string, std::string>;  // link path, link targe
 
 // The length of the overlay journal a device writes for these entries (file lines first,
 // then link lines), throwing an Error naming the entry that would not fit.
-std::size_t check_overlay_journal(const std::vector<std::string>& file_targets,
-                                  const std::vector<LinkEntry>& links);
+std::size_t check_overlay_journal(const std::vector<std::string>& file_targets, const std::vector<LinkEntry>& links);
 
 }  // namespace publish

@@ -100,7 +100,9 @@ int system_command(int argc, char** argv) {
   std::vector<Entry> entries;
   entries.push_back(make_entry("kernel", "kernel", args.required("--kernel"), args.has("--gzip-kernel")));
   if (auto notes = args.get("--notes")) entries.push_back(make_entry("notes", "notes", *notes, false));
-  if (auto roots = args.get("--roots")) entries.push_back(make_entry("roots", "roots", *roots, args.has("--gzip-roots")));
+  if (auto roots = args.get("--roots")) {
+    entries.push_back(make_entry("roots", "roots", *roots, args.has("--gzip-roots")));
+  }
   if (args.has("--gzip-roots") && !args.has("--roots")) throw UsageError("--gzip-roots needs --roots");
 
   std::set<std::string> targets;
@@ -151,9 +153,9 @@ int system_command(int argc, char** argv) {
   text += "\n";
   std::string gz_lines;
   for (Entry& e : entries) {
-    const char* what = e.kind == "file" ? "overlay file" : e.kind == "notes" ? "notes file" : e.kind == "roots" ? "roots file" : "kernel file";
-    e.data = read_file(e.path, what);
-    if (e.data.empty()) throw Error(std::string(what) + " " + shown(e.path) + " is empty; a device needs a size above 0");
+    std::string what = e.kind == "file" ? "overlay file" : e.kind + " file";
+    e.data = read_file(e.path, what.c_str());
+    if (e.data.empty()) throw Error(what + " " + shown(e.path) + " is empty; a device needs a size above 0");
     if (e.kind == "notes" && e.data.size() > limits::kNotesBytes) {
       throw Error("notes file " + shown(e.path) + " is " + std::to_string(e.data.size()) +
                   " bytes; a device fetches notes of at most 2000 bytes and skips larger ones");
@@ -166,9 +168,9 @@ int system_command(int argc, char** argv) {
       Bytes packed = gzip_bytes(e.data);
       gz_lines += "sysgz\t" + e.target + "\t" + sha256_hex(packed) + "\t" + std::to_string(packed.size()) + "\t" +
                   e.name + ".gz\n";
-      files.add(e.name + ".gz", std::move(packed), std::string("gzip variant of ") + e.path);
+      files.add(e.name + ".gz", std::move(packed), "gzip variant of " + e.path);
     }
-    files.add(e.name, std::move(e.data), std::string(what) + " " + e.path);
+    files.add(e.name, std::move(e.data), what + " " + e.path);
   }
   text += gz_lines;
   for (const LinkEntry& link : links) text += "syslink\t" + link.first + "\t" + link.second + "\n";

@@ -14,7 +14,8 @@ Bytes read_file(const std::string& path, const char* what) {
   if (stat(path.c_str(), &st) != 0) {
     throw Error(std::string("cannot read ") + what + " " + shown(path) + ": " + std::strerror(errno));
   }
-  if (!S_ISREG(st.st_mode)) throw Error(std::string("cannot read ") + what + " " + shown(path) + ": not a regular file");
+  if (!S_ISREG(st.st_mode))
+    throw Error(std::string("cannot read ") + what + " " + shown(path) + ": not a regular file");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw Error(std::string("cannot read ") + what + " " + shown(path) + ": " + std::strerror(errno));
   Bytes data(static_cast<std::size_t>(st.st_size));
