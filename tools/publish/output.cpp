@@ -48,6 +48,40 @@ void sync_directory(const std::string& dir) {
   }
 }
 
+// Renames without replacing what is there. Where the file system has no such rename, a
+// file is linked (which never replaces) and a directory is renamed after a last look.
+int rename_no_replace(const std::string& from, const std::string& to, bool directory) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS) return -1;
+  if (!directory) {
+    if (link(from.c_str(), to.c_str()) != 0) return -1;
+    unlink(from.c_str());
+    return 0;
+  }
+  struct stat st {};
+  if (lstat(to.c_str(), &st) == 0) {
+    errno = EEXIST;
+    return -1;
+  }
+  return rename(from.c_str(), to.c_str());
+}
+
+// Puts `from` in the place of the existing directory `to` and leaves the old one at `from`.
+int exchange_directories(const std::string& from, const std::string& to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS) return -1;
+  // Two renames: for a moment there is no directory at `to`, but never a mixed one.
+  std::string aside = from + ".old";
+  if (rename(to.c_str(), aside.c_str()) != 0) return -1;
+  if (rename(from.c_str(), to.c_str()) != 0) {
+    int saved = errno;
+    rename(aside.c_str(), to.c_str());
+    errno = saved;
+    return -1;
+  }
+  return rename(aside.c_str(), from.c_str());
+}
+
 }  // namespace
 
 void check_output_free(const std::string& path, bool force, const char* what, bool directory, bool replaceable) {
@@ -98,12 +132,12 @@ void StagedDirectory::write(const std::string& name, const Bytes& data) {
 
 void StagedDirectory::commit() {
   sync_directory(temp_path_);
-  if (renameat2(AT_FDCWD, temp_path_.c_str(), AT_FDCWD, final_path_.c_str(), RENAME_NOREPLACE) == 0) {
+  if (rename_no_replace(temp_path_, final_path_, true) == 0) {
     committed_ = true;
-  } else if (errno == EEXIST && force_) {
+  } else if ((errno == EEXIST || errno == ENOTEMPTY) && force_) {
     // Swap the new directory and the old one in one step, then remove the old one, which
     // now stands at the temporary name (the destructor does that).
-    if (renameat2(AT_FDCWD, temp_path_.c_str(), AT_FDCWD, final_path_.c_str(), RENAME_EXCHANGE) != 0) {
+    if (exchange_directories(temp_path_, final_path_) != 0) {
       throw Error("cannot replace " + shown(final_path_) + ": " + std::strerror(errno));
     }
   } else {
@@ -125,8 +159,8 @@ void write_file_atomic(const std::string& path, const Bytes& data, unsigned mode
     write_all(fd, data, temp);
     close(fd);
     fd = -1;
-    unsigned flags = force ? 0 : RENAME_NOREPLACE;
-    if (renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD, path.c_str(), flags) != 0) {
+    int moved = force ? rename(temp.c_str(), path.c_str()) : rename_no_replace(temp, path, false);
+    if (moved != 0) {
       if (errno == EEXIST) throw Error(std::string(what) + " " + shown(path) + " already exists");
       throw Error("cannot move " + shown(temp) + " to " + shown(path) + ": " + std::strerror(errno));
     }
