@@ -1,0 +1,82 @@
+// ota-publish: builds, signs and checks update sources for tavi devices.
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+#include "args.h"
+#include "commands.h"
+#include "util.h"
+
+namespace publish {
+namespace {
+
+const Command kCommands[] = {
+    {"keygen", keygen_command, "make an Ed25519 key pair (PREFIX.key, PREFIX.pub)", kKeygenHelp},
+    {"chain", chain_command, "sign one key change (a \"kette\" line)", kChainHelp},
+    {"catalog", catalog_command, "build a signed package source", kCatalogHelp},
+    {"system", system_command, "build a signed system source", kSystemHelp},
+    {"kernel", kernel_command, "write a stand-in kernel image for the simulator", kKernelHelp},
+    {"check", check_command, "check a source as a device would", kCheckHelp},
+};
+
+void usage(std::FILE* out) {
+  std::fprintf(out, "usage: ota-publish COMMAND [OPTIONS]   (ota-publish COMMAND --help for more)\n\n");
+  for (const Command& c : kCommands) std::fprintf(out, "  %-8s %s\n", c.name, c.summary);
+  std::fprintf(out,
+               "\nExit status: 0 done (check: the source would be accepted), 1 refused or failed,\n"
+               "2 a mistake in the command line.\n");
+}
+
+int run(int argc, char** argv) {
+  if (argc < 2) {
+    usage(stderr);
+    return 2;
+  }
+  const char* word = argv[1];
+  if (std::strcmp(word, "--help") == 0 || std::strcmp(word, "-h") == 0 || std::strcmp(word, "help") == 0) {
+    if (argc >= 3) {
+      for (const Command& c : kCommands) {
+        if (std::strcmp(argv[2], c.name) == 0) {
+          std::fputs(c.help, stdout);
+          return 0;
+        }
+      }
+    }
+    usage(stdout);
+    return 0;
+  }
+  for (const Command& c : kCommands) {
+    if (std::strcmp(word, c.name) != 0) continue;
+    if (wants_help(argc, argv, 2)) {
+      std::fputs(c.help, stdout);
+      return 0;
+    }
+    try {
+      return c.run(argc, argv);
+    } catch (const UsageError& e) {
+      std::fprintf(stderr, "ota-publish %s: %s\n", c.name, e.what());
+      std::fprintf(stderr, "(ota-publish %s --help shows the options)\n", c.name);
+      return 2;
+    }
+  }
+  std::fprintf(stderr, "ota-publish: unknown command %s\n", word);
+  usage(stderr);
+  return 2;
+}
+
+}  // namespace
+}  // namespace publish
+
+int main(int argc, char** argv) {
+  try {
+    return publish::run(argc, argv);
+  } catch (const publish::Error& e) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "ota-publish: %s\n", e.what());
+    return 1;
+  } catch (const std::exception& e) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "ota-publish: failed: %s\n", e.what());
+    return 1;
+  }
+}

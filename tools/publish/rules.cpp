@@ -1,0 +1,131 @@
+#include "rules.h"
+
+#include "limits.h"
+#include "util.h"
+
+namespace publish {
+
+namespace {
+
+bool is_name_char(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' || c == '-' || c == '_';
+}
+
+bool starts_with(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
+
+// The device's own target test allows 60 characters; its field reader keeps 59, which the
+// caller checks separately so the message can say which of the two was hit.
+constexpr std::size_t kTargetRuleMax = 60;
+
+}  // namespace
+
+void check_field_text(std::string_view value, const std::string& what) {
+  if (value.empty()) throw Error(what + " is empty; a device reads an empty field as missing");
+  for (unsigned char c : value) {
+    if (c < 0x20 || c == 0x7f) {
+      throw Error(what + " " + shown(value) +
+                  " contains a control character; a TAB, LF or CR would break the line on the device");
+    }
+  }
+}
+
+void check_field_length(std::string_view value, std::size_t max, const std::string& what) {
+  if (value.size() > max) {
+    throw Error(what + " " + shown(value) + " is " + std::to_string(value.size()) +
+                " characters; a device keeps at most " + std::to_string(max));
+  }
+}
+
+void check_download_name(std::string_view name, std::size_t max, const std::string& what) {
+  check_field_text(name, what);
+  check_field_length(name, max, what);
+  for (char c : name) {
+    bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' || c == '-' ||
+              c == '_' || c == '+' || c == '~';
+    if (!ok) {
+      throw Error(what + " " + shown(name) +
+                  " may hold only letters, digits and . _ + ~ - (it is a download address and a file on the device)");
+    }
+  }
+  if (name[0] == '.') throw Error(what + " " + shown(name) + " must not start with \".\"");
+  if (name == "VERZEICHNIS" || name == "VERZEICHNIS.sig" || name == "INDEX" || name == "INDEX.sig") {
+    throw Error(what + " " + shown(name) + " is the name of one of the source's own files");
+  }
+}
+
+void check_commit(std::string_view commit) {
+  check_field_text(commit, "commit");
+  check_field_length(commit, limits::kCommitMax, "commit");
+  for (char c : commit) {
+    if (c == ' ') throw Error("commit " + shown(commit) + " contains a blank");
+  }
+  if (commit.size() < limits::kCommitMin) {
+    throw Error("commit " + shown(commit) + " is " + std::to_string(commit.size()) +
+                " characters; at least 7 are needed, since a device recognises the running kernel by the "
+                "first seven");
+  }
+}
+
+std::string target_problem(std::string_view target) {
+  if (target.empty()) return "it is empty";
+  if (target[0] != '/') {
+    if (target.size() > kTargetRuleMax) return "a program name is at most 60 characters";
+    if (target[0] == '.') return "a program name must not start with \".\"";
+    for (char c : target) {
+      if (!is_name_char(c)) return "a program name holds only letters, digits, \".\", \"-\" and \"_\"";
+    }
+    return "";
+  }
+  if (target.size() < limits::kTargetMin || target.size() > kTargetRuleMax) {
+    return "an absolute path is 6 to 60 characters";
+  }
+  if (!starts_with(target, "/apps/") && !starts_with(target, "/etc/") && !starts_with(target, "/usr/share/") &&
+      !starts_with(target, "/lib/")) {
+    return "an absolute path must begin with /apps/, /etc/, /usr/share/ or /lib/ (programs in /bin are "
+           "named by their bare name)";
+  }
+  for (char c : target) {
+    if (!is_name_char(c) && c != '/')
+      return "an absolute path holds only letters, digits, \".\", \"-\", \"_\" and \"/\"";
+  }
+  if (target.find("..") != std::string_view::npos) return "an absolute path must not contain \"..\"";
+  if (target.find("//") != std::string_view::npos) return "an absolute path must not contain \"//\"";
+  if (target.back() == '/') return "an absolute path must not end with \"/\"";
+  return "";
+}
+
+std::string link_problem(std::string_view path, std::string_view target) {
+  if (path.empty() || path[0] != '/') return "the link path must be an absolute path";
+  std::string problem = target_problem(path);
+  if (!problem.empty()) return "link path: " + problem;
+  if (!starts_with(target, "/bin/")) return "the link target must be /bin/ followed by a program name";
+  std::string_view name = target.substr(5);
+  if (name.empty() || name[0] == '/') return "the link target must be /bin/ followed by a program name";
+  problem = target_problem(name);
+  if (!problem.empty()) return "link target: " + problem;
+  return "";
+}
+
+std::size_t check_overlay_journal(const std::vector<std::string>& file_targets, const std::vector<LinkEntry>& links) {
+  std::size_t length = 0;
+  for (std::size_t i = 0; i < file_targets.size(); ++i) {
+    const std::string& target = file_targets[i];
+    if (length + target.size() + limits::kJournalFileReserve > limits::kJournalBytes) {
+      throw Error("overlay journal: file entry " + std::to_string(i + 1) + " (" + shown(target) + ") needs " +
+                  std::to_string(length + target.size() + limits::kJournalFileReserve) +
+                  " bytes of journal; a device writes at most 7900 and would refuse the whole update");
+    }
+    length += 1 + target.size() + 1;  // flag, target, LF
+  }
+  for (std::size_t i = 0; i < links.size(); ++i) {
+    if (length + limits::kJournalLinkReserve > limits::kJournalBytes) {
+      throw Error("overlay journal: link " + std::to_string(i + 1) + " (" + shown(links[i].first) +
+                  ") needs room for 140 more bytes after " + std::to_string(length) +
+                  "; a device writes at most 7900 and would refuse the whole update");
+    }
+    length += 1 + links[i].first.size() + 1 + links[i].second.size() + 1;  // flag, path, TAB, target, LF
+  }
+  return length;
+}
+
+}  // namespace publish

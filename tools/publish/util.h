@@ -1,0 +1,50 @@
+#pragma once
+// Small helpers of the publisher: the error it stops with, whole-file reading, hex text,
+// SHA-256 and the strict number reader used for every number given on the command line.
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace publish {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// Every refusal travels as this exception up to main, which prints it after
+// "ota-publish: " and exits with status 1. Nothing is written before the last check, so an
+// error never leaves a half-made source behind.
+class Error : public std::runtime_error {
+ public:
+  explicit Error(const std::string& message) : std::runtime_error(message) {}
+};
+
+// A mistake in the command line itself (unknown option, missing value); exit status 2.
+class UsageError : public std::runtime_error {
+ public:
+  explicit UsageError(const std::string& message) : std::runtime_error(message) {}
+};
+
+Bytes read_file(const std::string& path, const char* what);
+bool file_exists(const std::string& path);
+std::string as_string(const Bytes& bytes);
+Bytes as_bytes(std::string_view text);
+
+std::string hex_lower(const std::uint8_t* bytes, std::size_t n);
+std::string hex_lower(const Bytes& bytes);
+// Exactly 2n hex digits of either case into n bytes; false for anything else.
+bool hex_decode(std::string_view text, std::uint8_t* out, std::size_t n);
+
+std::string sha256_hex(const std::uint8_t* data, std::size_t n);
+std::string sha256_hex(const Bytes& data);
+
+// A decimal number as an operator writes it: digits only, no sign, no blanks, at least one
+// digit, and no more than max_value. `what` names the option in the error.
+std::uint64_t parse_number(std::string_view text, const char* what, std::uint64_t max_value);
+
+std::string base_name(const std::string& path);
+// A value shown in an error message: quoted, with control characters made visible and very
+// long values shortened so the message stays one readable line.
+std::string shown(std::string_view value);
+
+}  // namespace publish
