@@ -157,3 +157,18 @@ u64 number_of(const char* text, usize len, const char* key, u64 fallback) {
 }
 
 }  // namespace ota
+
+#ifdef OTA_HOST_BUILD
+namespace ota {
+
+char host_root[256];
+
+const char* host_path(const char* path, char* buffer) {
+  if (host_root[0] == 0 || path[0] != '/') return path;
+  usize len = str_copy(buffer, host_root);
+  str_copy(buffer + len, path);
+  return buffer;
+}
+
+}  // namespace ota
+#endif

@@ -151,12 +151,26 @@ inline i64 sys_close(int fd) { return keep_error(syscall(kSysClose, fd)); }
 // The x86-64 status record is 144 bytes; only the size at byte 48 is used.
 constexpr usize kStatRecordBytes = 144;
 constexpr usize kStatSizeOffset = 48;
-inline i64 sys_stat(const char* path, void* record) {
-  return keep_error(syscall(kSysStat, word(path), word(record)));
-}
+inline i64 sys_stat(const char* path, void* record);
+
+#ifdef OTA_HOST_BUILD
+// Unit tests and fuzz targets run the device code on the host against a scratch
+// directory: when a root is set, every absolute path is taken below it. The device
+// program has no such thing; its paths go to the kernel as they are.
+extern char host_root[256];
+const char* host_path(const char* path, char* buffer);
+#define OTA_PATH(p, buffer) host_path(p, buffer)
+#define OTA_PATH_BUFFER(buffer) char buffer[512]
+#else
+#define OTA_PATH(p, buffer) (p)
+#define OTA_PATH_BUFFER(buffer)
+#endif
 
 // Raw calls: the caller tests the result with is_error.
-inline u64 sys_open(const char* path, u64 flags) { return syscall(kSysOpen, word(path), flags, 0); }
+inline u64 sys_open(const char* path, u64 flags) {
+  OTA_PATH_BUFFER(b);
+  return syscall(kSysOpen, word(OTA_PATH(path, b)), flags, 0);
+}
 inline u64 sys_lseek(int fd, u64 offset) { return syscall(kSysLseek, fd, offset, 0); }
 inline u64 sys_dup2(int from, int to) { return syscall(kSysDup2, from, to); }
 inline u64 sys_getpid() { return syscall(kSysGetpid); }
@@ -165,12 +179,33 @@ inline u64 sys_fork() { return syscall(kSysFork); }
   for (;;) syscall(kSysExit, status);
 }
 inline u64 sys_wait4(u64 pid, int* status) { return syscall(kSysWait4, pid, word(status), 0, 0, 0); }
-inline u64 sys_rename(const char* from, const char* to) { return syscall(kSysRename, word(from), word(to)); }
-inline u64 sys_mkdir(const char* path) { return syscall(kSysMkdir, word(path), 0); }
-inline u64 sys_link(const char* from, const char* to) { return syscall(kSysLink, word(from), word(to)); }
-inline u64 sys_unlink(const char* path) { return syscall(kSysUnlink, word(path)); }
-inline u64 sys_chmod(const char* path, u64 mode) { return syscall(kSysChmod, word(path), mode); }
+inline u64 sys_rename(const char* from, const char* to) {
+  OTA_PATH_BUFFER(a);
+  OTA_PATH_BUFFER(b);
+  return syscall(kSysRename, word(OTA_PATH(from, a)), word(OTA_PATH(to, b)));
+}
+inline u64 sys_mkdir(const char* path) {
+  OTA_PATH_BUFFER(b);
+  return syscall(kSysMkdir, word(OTA_PATH(path, b)), 0);
+}
+inline u64 sys_link(const char* from, const char* to) {
+  OTA_PATH_BUFFER(a);
+  OTA_PATH_BUFFER(b);
+  return syscall(kSysLink, word(OTA_PATH(from, a)), word(OTA_PATH(to, b)));
+}
+inline u64 sys_unlink(const char* path) {
+  OTA_PATH_BUFFER(b);
+  return syscall(kSysUnlink, word(OTA_PATH(path, b)));
+}
+inline u64 sys_chmod(const char* path, u64 mode) {
+  OTA_PATH_BUFFER(b);
+  return syscall(kSysChmod, word(OTA_PATH(path, b)), mode);
+}
 inline u64 sys_sync() { return syscall(kSysSync); }
+inline i64 sys_stat(const char* path, void* record) {
+  OTA_PATH_BUFFER(b);
+  return keep_error(syscall(kSysStat, word(OTA_PATH(path, b)), word(record)));
+}
 inline u64 sys_mount(const char* device, const char* target, const char* type) {
   return syscall(kSysMount, word(device), word(target), word(type), 0, 0);
 }

@@ -83,3 +83,24 @@ inline std::string get_file(const std::string& path) {
 }
 
 inline bool file_there(const std::string& path) { return std::filesystem::exists(path); }
+
+// Points the device code's absolute paths at a scratch directory for the life of the
+// object (the host build only), with the directories the device keeps its state in.
+#include "runtime/syscall.h"
+class DeviceRoot {
+ public:
+  DeviceRoot() {
+    for (const char* d : {"/etc", "/system", "/tmp", "/tmp/ota", "/proc", "/bin", "/sysesp"}) {
+      std::filesystem::create_directories(dir_.path() + d);
+    }
+    snprintf(ota::host_root, sizeof ota::host_root, "%s", dir_.path().c_str());
+  }
+  ~DeviceRoot() { ota::host_root[0] = 0; }
+  std::string path(const std::string& device_path) const { return dir_.path() + device_path; }
+  void put(const std::string& device_path, const std::string& content) const { put_file(path(device_path), content); }
+  std::string get(const std::string& device_path) const { return get_file(path(device_path)); }
+  bool has(const std::string& device_path) const { return file_there(path(device_path)); }
+
+ private:
+  ScratchDir dir_;
+};
