@@ -56,16 +56,6 @@ struct Curve {
   Ge3 base;    // B: y = 4/5, x even
 };
 
-void set_curve(Curve& c) {
-  c.d = {{0x34dca135978a3, 0x1a8283b156ebd, 0x5e7a26001c029, 0x739c663a03cbb, 0x52036cee2b6ff}};
-  c.d2 = {{0x69b9426b2f159, 0x35050762add7a, 0x3cf44c0038052, 0x6738cc7407977, 0x2406d9dc56dff}};
-  c.sqrt_m1 = {{0x61b274a0ea0b0, 0xd5a5fc8f189d, 0x7ef5e9cbd0c60, 0x78595a6804c9e, 0x2b8324804fc1d}};
-  c.base.X = {{0x62d608f25d51a, 0x412a4b4f6592a, 0x75b7171a4b31d, 0x1ff60527118fe, 0x216936d3cd6e5}};
-  c.base.Y = {{0x6666666666658, 0x4cccccccccccc, 0x1999999999999, 0x3333333333333, 0x6666666666666}};
-  c.base.Z = {{1, 0, 0, 0, 0}};
-  c.base.T = {{0x68ab3a5b7dda3, 0xeea2a5eadbb, 0x2af8df483c27e, 0x332b375274732, 0x67875f0fd78b7}};
-}
-
 inline void fe_add(Fe& h, const Fe& f, const Fe& g) {
   for (int i = 0; i < 5; i++) h.v[i] = f.v[i] + g.v[i];
 }
@@ -143,8 +133,9 @@ void fe_from_bytes(Fe& h, const u8 s[32]) {
   h.v[4] = (load64(24) >> 12) & kMask51;
 }
 
-// The unique representative below p, limbs below 2^51; takes limbs below 2^54.
-void fe_canonical(Fe& h, const Fe& f) {
+// The unique representative below p, limbs below 2^51; takes limbs below 2^54. Needed a
+// few times per verification only, so it is kept out of line for size.
+__attribute__((noinline)) void fe_canonical(Fe& h, const Fe& f) {
   u64 t[5] = {f.v[0], f.v[1], f.v[2], f.v[3], f.v[4]};
   auto carry = [&t]() {
     for (int i = 0; i < 4; i++) {
@@ -193,7 +184,7 @@ int fe_is_odd(const Fe& f) {
 }
 
 // z^((p - 5) / 8) = z^(2^252 - 3), by the usual chain of squarings.
-void fe_pow22523(Fe& out, const Fe& z) {
+__attribute__((noinline)) void fe_pow22523(Fe& out, const Fe& z) {
   Fe t0, t1, t2;
   fe_sq(t0, z);                // z^2
   fe_sq_times(t1, t0, 2);      // z^8
@@ -217,6 +208,16 @@ void fe_pow22523(Fe& out, const Fe& z) {
   fe_mul(t0, t1, t0);          // z^(2^250 - 1)
   fe_sq_times(t0, t0, 2);      // z^(2^252 - 4)
   fe_mul(out, t0, z);          // z^(2^252 - 3)
+}
+
+void set_curve(Curve& c) {
+  c.d = {{0x34dca135978a3, 0x1a8283b156ebd, 0x5e7a26001c029, 0x739c663a03cbb, 0x52036cee2b6ff}};
+  fe_add(c.d2, c.d, c.d);  // limbs < 2^52, used only as a factor
+  c.sqrt_m1 = {{0x61b274a0ea0b0, 0xd5a5fc8f189d, 0x7ef5e9cbd0c60, 0x78595a6804c9e, 0x2b8324804fc1d}};
+  c.base.X = {{0x62d608f25d51a, 0x412a4b4f6592a, 0x75b7171a4b31d, 0x1ff60527118fe, 0x216936d3cd6e5}};
+  c.base.Y = {{0x6666666666658, 0x4cccccccccccc, 0x1999999999999, 0x3333333333333, 0x6666666666666}};
+  c.base.Z = {{1, 0, 0, 0, 0}};
+  fe_mul(c.base.T, c.base.X, c.base.Y);
 }
 
 // The 255 low bits as y are at least p = 2^255 - 19: bytes 1..30 all 0xff, the top byte

@@ -120,17 +120,20 @@ __attribute__((target("sha,sse4.1,ssse3"))) void compress_sha_extensions(u32 cha
     for (int i = 0; i < 4; i++) {
       m[i] = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + 16 * i)), byte_swap);
     }
-#pragma GCC unroll 16
-    for (int g = 0; g < 16; g++) {
-      __m128i k = _mm_add_epi32(m[g & 3], _mm_loadu_si128(reinterpret_cast<const __m128i*>(round_constants + 4 * g)));
-      cdgh = _mm_sha256rnds2_epu32(cdgh, abef, k);
-      if (g >= 3 && g <= 14) {
-        __m128i& next = m[(g + 1) & 3];
-        next = _mm_add_epi32(next, _mm_alignr_epi8(m[g & 3], m[(g + 3) & 3], 4));
-        next = _mm_sha256msg2_epu32(next, m[g & 3]);
+    for (int g0 = 0; g0 < 16; g0 += 4) {
+#pragma GCC unroll 4
+      for (int j = 0; j < 4; j++) {
+        const int g = g0 + j;
+        __m128i k = _mm_add_epi32(m[j], _mm_loadu_si128(reinterpret_cast<const __m128i*>(round_constants + 4 * g)));
+        cdgh = _mm_sha256rnds2_epu32(cdgh, abef, k);
+        if (g >= 3 && g <= 14) {
+          __m128i& next = m[(j + 1) & 3];
+          next = _mm_add_epi32(next, _mm_alignr_epi8(m[j], m[(j + 3) & 3], 4));
+          next = _mm_sha256msg2_epu32(next, m[j]);
+        }
+        abef = _mm_sha256rnds2_epu32(abef, cdgh, _mm_shuffle_epi32(k, 0x0E));
+        if (g >= 1 && g <= 12) m[(j + 3) & 3] = _mm_sha256msg1_epu32(m[(j + 3) & 3], m[j]);
       }
-      abef = _mm_sha256rnds2_epu32(abef, cdgh, _mm_shuffle_epi32(k, 0x0E));
-      if (g >= 1 && g <= 12) m[(g + 3) & 3] = _mm_sha256msg1_epu32(m[(g + 3) & 3], m[g & 3]);
     }
     abef = _mm_add_epi32(abef, saved_abef);
     cdgh = _mm_add_epi32(cdgh, saved_cdgh);
