@@ -257,7 +257,10 @@ int ge_decode(Ge3& p, const u8 s[32], const Curve& c) {
     fe_mul(x, x, c.sqrt_m1);
   }
   if (fe_is_zero(x) && sign) return 0;
-  if (fe_is_odd(x) != sign) fe_neg(x, x);
+  if (fe_is_odd(x) != sign) {
+    fe_neg(x, x);
+    fe_canonical(x, x);  // tight again, as the point formulas expect
+  }
   p.X = x;
   p.Y = y;
   p.Z = one;
