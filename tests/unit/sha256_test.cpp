@@ -6,10 +6,14 @@
 
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <fstream>
 #include <random>
+#include <thread>
 #include <string>
 
 #include "runtime/syscall.h"
@@ -184,6 +188,44 @@ TEST(Sha256File, ReadFailureEndsTheHashWithWhatWasRead) {
   memset(out, 0x5a, sizeof out);
   EXPECT_EQ(sha256_file(dir.path("sub").c_str(), out), 1);
   EXPECT_EQ(to_hex(out, sizeof out), kEmptyDigest);
+}
+
+// A read that fails after data has come in: a pipe whose writer stays open, and a signal
+// (handled without restart) that interrupts the read waiting for more. The hash ends with
+// the bytes read so far, and the result is still 1.
+TEST(Sha256File, ReadFailingPartWayGivesTheDigestOfTheBytesReadSoFar) {
+  ScratchDir dir;
+  std::string fifo = dir.path("pipe");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  int writer = open(fifo.c_str(), O_RDWR);  // read-write: opening does not wait for a reader
+  ASSERT_GE(writer, 0);
+  std::mt19937_64 rng(8);
+  Bytes data = random_bytes(rng, 10000);  // more than two read buffers, less than the pipe holds
+  ASSERT_EQ(write(writer, data.data(), data.size()), static_cast<ssize_t>(data.size()));
+
+  struct sigaction quiet {}, saved {};
+  quiet.sa_handler = [](int) {};
+  sigemptyset(&quiet.sa_mask);
+  quiet.sa_flags = 0;  // no SA_RESTART: the waiting read fails with EINTR
+  ASSERT_EQ(sigaction(SIGUSR1, &quiet, &saved), 0);
+  std::atomic<bool> done{false};
+  int result = -1;
+  u8 out[kSha256DigestBytes];
+  std::thread reader([&] {
+    result = sha256_file(fifo.c_str(), out);
+    done = true;
+  });
+  // A signal that lands while the reader is not waiting is simply ignored; repeat until
+  // one interrupts the read that waits for bytes that never come.
+  while (!done) {
+    usleep(20000);
+    if (!done) pthread_kill(reader.native_handle(), SIGUSR1);
+  }
+  reader.join();
+  close(writer);
+  sigaction(SIGUSR1, &saved, nullptr);
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(to_hex(out, sizeof out), openssl_sha256(data.data(), data.size()));
 }
 
 TEST(Sha256File, HashAfterAFailedOpenStartsClean) {
