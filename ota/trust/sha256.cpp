@@ -70,10 +70,10 @@ inline u32 load_be32(const u8* p) {
 }
 
 // One round; the callers rotate the roles of the eight working words instead of moving
-// them.
+// them. Choice and majority are written in their shorter equivalent forms.
 inline void round(u32 a, u32 b, u32 c, u32& d, u32 e, u32 f, u32 g, u32& h, u32 constant_and_word) {
-  u32 t1 = h + (rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25)) + ((e & f) ^ (~e & g)) + constant_and_word;
-  u32 t2 = (rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22)) + ((a & b) ^ (a & c) ^ (b & c));
+  u32 t1 = h + (rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25)) + (g ^ (e & (f ^ g))) + constant_and_word;
+  u32 t2 = (rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22)) + ((a & b) | (c & (a | b)));
   d += t1;
   h = t1 + t2;
 }

@@ -46,10 +46,10 @@ inline u64 load_be64(const u8* p) {
 }
 
 // One round; the callers rotate the roles of the eight working words instead of moving
-// them.
+// them. Choice and majority are written in their shorter equivalent forms.
 inline void round(u64 a, u64 b, u64 c, u64& d, u64 e, u64 f, u64 g, u64& h, u64 constant_and_word) {
-  u64 t1 = h + (rotr(e, 14) ^ rotr(e, 18) ^ rotr(e, 41)) + ((e & f) ^ (~e & g)) + constant_and_word;
-  u64 t2 = (rotr(a, 28) ^ rotr(a, 34) ^ rotr(a, 39)) + ((a & b) ^ (a & c) ^ (b & c));
+  u64 t1 = h + (rotr(e, 14) ^ rotr(e, 18) ^ rotr(e, 41)) + (g ^ (e & (f ^ g))) + constant_and_word;
+  u64 t2 = (rotr(a, 28) ^ rotr(a, 34) ^ rotr(a, 39)) + ((a & b) | (c & (a | b)));
   d += t1;
   h = t1 + t2;
 }
