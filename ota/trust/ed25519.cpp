@@ -306,7 +306,7 @@ void ge_double(Ge1& r, const Ge2& p) {
 }
 
 // p + q (negate: p - q), the unified addition for a = -1 with k = 2d; complete on this
-// curve, so small-order and equal points need no special case. p tight.
+// curve, so small-order and equal points need no case of their own. p tight.
 void ge_add(Ge1& r, const Ge3& p, const GeCached& q, bool negate) {
   Fe sum, diff, a, b, cc, zz;
   fe_add(sum, p.Y, p.X);
