@@ -1,8 +1,34 @@
 #pragma once
+// SHA-256 as FIPS 180-4 defines it, with one hash state for the whole program: a hash
+// runs from sha256_init to sha256_final with no other hash in between. Every digest the
+// program uses comes from sha256_file.
+
 #include "runtime/syscall.h"
+
 namespace ota {
+
+constexpr usize kSha256DigestBytes = 32;
+// The digest as text: two lowercase hex digits per byte and the terminating zero.
+constexpr usize kDigestHexBytes = 2 * kSha256DigestBytes + 1;
+// sha256_file reads through one buffer of this size, so no file is ever held whole.
+constexpr usize kSha256ReadBytes = 4096;
+
 void sha256_init();
 void sha256_update(const void* bytes, usize length);
-void sha256_final(u8 out[32]);
-int sha256_file(const char* path, u8 out[32]);
+// Pads and writes the digest; the state is left as it is.
+void sha256_final(u8 out[kSha256DigestBytes]);
+// 1 when the file could be opened (the digest covers what could be read), 0 when it
+// could not; out is then untouched.
+int sha256_file(const char* path, u8 out[kSha256DigestBytes]);
+
+// The digest as 64 lowercase hex characters and a zero.
+void sha256_hex(const u8 digest[kSha256DigestBytes], char out[kDigestHexBytes]);
+// 1 when the digest, rendered in lowercase hex, equals the expected text byte for byte
+// (so a hash written in capitals never matches).
+int sha256_matches(const u8 digest[kSha256DigestBytes], const char* expected_hex);
+
+// Tests: true keeps the hash on the portable rounds even where the processor has the
+// SHA extensions, so both paths are checked on every machine.
+void sha256_force_portable(bool portable);
+
 }  // namespace ota
