@@ -3,11 +3,12 @@
 // and the walk along the key changes a catalog carries.
 
 #include "runtime/syscall.h"
+#include "trust/ed25519.h"
 
 namespace ota {
 
-constexpr usize kKeyBytes = 32;
-constexpr usize kSignatureBytes = 64;
+constexpr usize kKeyBytes = kPublicKeyBytes;
+
 
 constexpr const char* kTrustedKeyPath = "/system/schluessel.pub";
 constexpr const char* kSpareKeyPath = "/system/ersatz.pub";
