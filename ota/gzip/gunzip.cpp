@@ -16,7 +16,6 @@
 
 #include "gzip/crc32.h"
 #include "runtime/files.h"
-#include "runtime/text.h"
 
 namespace ota {
 namespace {
@@ -50,14 +49,17 @@ constexpr usize kLitLenEntries = table_capacity(kLitLenSymbols, kLitLenRootBits)
 constexpr usize kDistEntries = table_capacity(kDistSymbols, kDistRootBits);
 constexpr usize kCodeLengthEntries = 1u << kCodeLengthRootBits;
 
-// A table entry: bits 0-3 the code's full length, bits 4-7 the count of extra bits (or a
-// subtable's index bits), bits 16-31 the value (literal byte, length or distance base,
-// code-length symbol, subtable start), and one of the flags below. A length symbol has no
-// flag, so the common cases test one bit each.
-constexpr u32 kLiteral = 0x100;   // also marks a code-length symbol
-constexpr u32 kEndOfBlock = 0x200;
-constexpr u32 kSubtable = 0x400;
-constexpr u32 kBad = 0x800;       // matches no code, or a symbol the format does not allow
+// A table entry: bits 0-4 the count of bits the entry takes (the code's full length, for
+// lengths and distances with their extra bits added; bit 5 stays clear so that a shift by
+// the entry takes just those), bits 8-11 the code's own length (a subtable's index bits),
+// one of the flags below, and bits 16-31 the value (literal byte, length or distance
+// base, code-length symbol, subtable start). A length symbol has no flag, so the common
+// cases test one bit each.
+constexpr u32 kTakeMask = 31;
+constexpr u32 kLiteral = 0x1000;  // also marks a code-length symbol
+constexpr u32 kEndOfBlock = 0x2000;
+constexpr u32 kSubtable = 0x4000;
+constexpr u32 kBad = 0x8000;  // matches no code, or a symbol the format does not allow
 constexpr u32 kUnmatched = kBad | kMaxCodeBits;
 
 enum class Alphabet { kLitLen, kDist, kCodeLength };
@@ -81,7 +83,10 @@ struct Decoder {
 
 Decoder g;
 u8 g_input[kInputBytes];
-u8 g_window[kWindowBytes];
+// Short copies read and write a whole vector at their destination; the slack after the
+// ring keeps that inside the buffer when a copy ends near the ring's end.
+constexpr usize kWindowSlack = 32;
+u8 g_window[kWindowBytes + kWindowSlack];
 u32 g_litlen[kLitLenEntries];
 u32 g_dist[kDistEntries];
 u32 g_codelen[kCodeLengthEntries];
@@ -108,13 +113,13 @@ bool add_byte() {
   return true;
 }
 
-bool need(unsigned n) {
+[[gnu::noinline]] [[gnu::cold]] bool need(unsigned n) {
   while (g.bit_count < n)
     if (!add_byte()) return false;
   return true;
 }
 
-u32 take(unsigned n) {
+[[gnu::noinline]] u32 take(unsigned n) {
   u32 v = static_cast<u32>(g.bits & ((1u << n) - 1));
   g.bits >>= n;
   g.bit_count -= n;
@@ -123,7 +128,7 @@ u32 take(unsigned n) {
 
 // A whole byte at a byte boundary: from the bit buffer while it holds some, then straight
 // from the input (the bit buffer is emptied so that its upper bits stay consistent).
-bool get_byte(u8* out) {
+[[gnu::noinline]] [[gnu::cold]] bool get_byte(u8* out) {
   if (g.bit_count >= 8) {
     *out = static_cast<u8>(take(8));
     return true;
@@ -135,7 +140,7 @@ bool get_byte(u8* out) {
   return true;
 }
 
-bool skip_bytes(usize n) {
+[[gnu::noinline]] [[gnu::cold]] bool skip_bytes(usize n) {
   u8 unused;
   for (; n > 0; n--)
     if (!get_byte(&unused)) return false;
@@ -156,30 +161,31 @@ bool flush() {
   return true;
 }
 
-// The entry of a symbol, without its code length.
-u32 symbol_entry(Alphabet alphabet, unsigned sym) {
-  if (alphabet == Alphabet::kCodeLength) return sym << 16 | kLiteral;
+// The entry of a symbol with a code of len bits.
+[[gnu::noinline]] u32 symbol_entry(Alphabet alphabet, unsigned sym, u32 len) {
+  if (alphabet == Alphabet::kCodeLength) return sym << 16 | kLiteral | len;
+  u32 extra, base;
   if (alphabet == Alphabet::kDist) {
-    if (sym >= kMaxDistCount) return kBad;
+    if (sym >= kMaxDistCount) return kBad | len;
     // Distances 1-4 stand alone; then each pair of symbols doubles the span.
-    u32 extra = sym < 4 ? 0 : sym / 2 - 1;
-    u32 base = sym < 4 ? sym + 1 : ((2 + (sym & 1)) << extra) + 1;
-    return base << 16 | extra << 4;
+    extra = sym < 4 ? 0 : sym / 2 - 1;
+    base = sym < 4 ? sym + 1 : ((2 + (sym & 1)) << extra) + 1;
+  } else {
+    if (sym < 256) return sym << 16 | kLiteral | len;
+    if (sym == 256) return kEndOfBlock | len;
+    if (sym > 285) return kBad | len;
+    // Lengths 3-10 stand alone, 258 has its own symbol, the rest come in groups of four.
+    u32 s = sym - 257;
+    extra = s < 8 || s == 28 ? 0 : s / 4 - 1;
+    base = s < 8 ? s + 3 : s == 28 ? 258 : ((4 + (s & 3)) << extra) + 3;
   }
-  if (sym < 256) return sym << 16 | kLiteral;
-  if (sym == 256) return kEndOfBlock;
-  if (sym > 285) return kBad;
-  // Lengths 3-10 stand alone, 258 has its own symbol, the rest come in groups of four.
-  u32 s = sym - 257;
-  u32 extra = s < 8 || s == 28 ? 0 : s / 4 - 1;
-  u32 base = s < 8 ? s + 3 : s == 28 ? 258 : ((4 + (s & 3)) << extra) + 3;
-  return base << 16 | extra << 4;
+  return base << 16 | len << 8 | (len + extra);
 }
 
 // Builds the lookup table of a canonical Huffman code from its code lengths. A code with
 // no lengths at all gives a table that matches nothing; an incomplete code leaves its
 // unused bit sequences unmatched; an over-subscribed code is refused.
-bool build_table(u32* table, usize capacity, unsigned root, const u8* lengths, unsigned n, Alphabet alphabet) {
+[[gnu::noinline]] bool build_table(u32* table, usize capacity, unsigned root, const u8* lengths, unsigned n, Alphabet alphabet) {
   u16 count[kMaxCodeBits + 1] = {};
   for (unsigned i = 0; i < n; i++) count[lengths[i]]++;
   count[0] = 0;
@@ -214,7 +220,7 @@ bool build_table(u32* table, usize capacity, unsigned root, const u8* lengths, u
     u32 reversed = 0;
     for (unsigned b = 0; b < len; b++) reversed |= ((code >> b) & 1) << (len - 1 - b);
     code++;
-    u32 entry = symbol_entry(alphabet, sym) | len;
+    u32 entry = symbol_entry(alphabet, sym, len);
     if (len <= root) {
       for (u32 i = reversed; i < root_size; i += 1u << len) table[i] = entry;
     } else {
@@ -235,7 +241,7 @@ bool build_table(u32* table, usize capacity, unsigned root, const u8* lengths, u
         sub_prefix = prefix;
         sub_start = next;
         next += sub_size;
-        table[prefix] = static_cast<u32>(sub_start) << 16 | bits << 4 | kSubtable;
+        table[prefix] = static_cast<u32>(sub_start) << 16 | bits << 8 | kSubtable;
         for (u32 i = 0; i < sub_size; i++) table[sub_start + i] = kUnmatched;
       }
       for (u32 i = reversed >> root; i < sub_size; i += 1u << (len - root)) table[sub_start + i] = entry;
@@ -245,17 +251,17 @@ bool build_table(u32* table, usize capacity, unsigned root, const u8* lengths, u
   return true;
 }
 
-inline u32 lookup(const u32* table, unsigned root, u64 bits) {
+[[gnu::always_inline]] inline u32 lookup(const u32* table, unsigned root, u64 bits) {
   u32 e = table[bits & ((1u << root) - 1)];
-  if (e & kSubtable) e = table[(e >> 16) + ((bits >> root) & ((1u << ((e >> 4) & 15)) - 1))];
+  if (e & kSubtable) e = table[(e >> 16) + ((bits >> root) & ((1u << ((e >> 8) & 15)) - 1))];
   return e;
 }
 
 // One symbol, outside the hot loop. Returns the entry; on a missing input the code is set.
-u32 read_symbol(const u32* table, unsigned root) {
+[[gnu::noinline]] [[gnu::cold]] u32 read_symbol(const u32* table, unsigned root) {
   for (;;) {
     u32 e = lookup(table, root, g.bits);
-    unsigned len = e & 15;
+    unsigned len = e & kTakeMask;
     if (len <= g.bit_count) {
       take(len);
       return e;
@@ -264,7 +270,7 @@ u32 read_symbol(const u32* table, unsigned root) {
   }
 }
 
-void load_fixed_tables() {
+[[gnu::noinline]] [[gnu::cold]] void load_fixed_tables() {
   if (g.fixed_loaded) return;
   u8* lengths = g_lengths;  // the fixed code lengths, borrowed space
   for (unsigned i = 0; i < kLitLenSymbols; i++) lengths[i] = i < 144 ? 8 : i < 256 ? 9 : i < 280 ? 7 : 8;
@@ -275,7 +281,7 @@ void load_fixed_tables() {
 }
 
 // Reads a dynamic block's code description and builds its tables.
-bool read_dynamic_tables() {
+[[gnu::noinline]] [[gnu::cold]] bool read_dynamic_tables() {
   g.fixed_loaded = false;
   if (!need(14)) return false;
   unsigned nlit = take(5) + 257;  // HLIT
@@ -339,7 +345,34 @@ bool read_dynamic_tables() {
   return true;
 }
 
-void stored_block() {
+// Copies n bytes inside the window, from src to dst, neither run wrapping. The bytes
+// beyond the run are history that later matches may still need, so nothing is written
+// past dst + n: runs are copied in words with the last word overlapping the one before.
+template <unsigned kWord>
+[[gnu::always_inline]] inline void copy_words(u8* dst, const u8* src, u32 n) {
+  struct Word {
+    u8 b[kWord];
+  };
+  u32 i = 0;
+  for (; i + kWord <= n; i += kWord) {
+    Word w;
+    __builtin_memcpy(&w, src + i, kWord);
+    __builtin_memcpy(dst + i, &w, kWord);
+  }
+  if (i < n) {
+    Word w;
+    __builtin_memcpy(&w, src + n - kWord, kWord);
+    __builtin_memcpy(dst + n - kWord, &w, kWord);
+  }
+}
+
+// Bytes from the input buffer into the window (the two never overlap).
+inline void copy_bytes(u8* dst, const u8* src, u32 n) {
+  if (n >= 16) return copy_words<16>(dst, src, n);
+  for (u32 i = 0; i < n; i++) dst[i] = src[i];
+}
+
+[[gnu::noinline]] void stored_block() {
   take(g.bit_count & 7);
   u8 h[4];
   for (u8& b : h)
@@ -363,7 +396,7 @@ void stored_block() {
       n = len;
       if (n > g.in_fill - g.in_pos) n = static_cast<u32>(g.in_fill - g.in_pos);
       if (n > kWindowBytes - pos) n = kWindowBytes - pos;
-      mem_copy(g_window + pos, g_input + g.in_pos, n);
+      copy_bytes(g_window + pos, g_input + g.in_pos, n);
       g.in_pos += n;
     }
     len -= n;
@@ -372,31 +405,54 @@ void stored_block() {
   }
 }
 
-// Copies n bytes inside the window, from src to dst, neither run wrapping. Eight bytes at
-// a time when the runs are at least eight apart (the last word may overlap the one before
-// it); byte by byte otherwise, which also repeats a short pattern correctly.
-inline void copy_match(u8* dst, const u8* src, u32 n) {
+typedef signed char Bytes16 __attribute__((vector_size(16)));
+
+// Copies n bytes, at most 32, whose source and destination do not overlap: 32 bytes are
+// read at both, the first n source bytes merged into the destination's own, and 32 bytes
+// written back. No branch depends on n.
+[[gnu::always_inline]] inline void copy_merged(u8* dst, const u8* src, u32 n) {
+  const Bytes16 iota = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+  const Bytes16 count = {} ;
+  Bytes16 a0, a1, b0, b1;
+  __builtin_memcpy(&a0, src, 16);
+  __builtin_memcpy(&a1, src + 16, 16);
+  __builtin_memcpy(&b0, dst, 16);
+  __builtin_memcpy(&b1, dst + 16, 16);
+  Bytes16 nv = count + static_cast<signed char>(n);
+  Bytes16 m0 = iota < nv;
+  Bytes16 m1 = (iota + 16) < nv;
+  a0 = (a0 & m0) | (b0 & ~m0);
+  a1 = (a1 & m1) | (b1 & ~m1);
+  __builtin_memcpy(dst, &a0, 16);
+  __builtin_memcpy(dst + 16, &a1, 16);
+}
+
+[[gnu::always_inline]] inline void copy_match(u8* dst, const u8* src, u32 n) {
   usize gap = dst > src ? static_cast<usize>(dst - src) : static_cast<usize>(src - dst);
-  if (gap >= 8 && n >= 8) {
-    u32 i = 0;
-    for (; i + 8 <= n; i += 8) {
-      u64 w;
-      __builtin_memcpy(&w, src + i, 8);
-      __builtin_memcpy(dst + i, &w, 8);
+  if (gap >= n) {  // the runs do not overlap
+    if (n <= 32) return copy_merged(dst, src, n);
+    return copy_words<16>(dst, src, n);
+  } else if (gap >= 16) {
+    return copy_words<16>(dst, src, n);
+  } else if (gap >= 8) {
+    return copy_words<8>(dst, src, n);
+  } else if (dst > src) {
+    // A pattern shorter than a word repeats with any multiple of its length as well:
+    // after the first few bytes, copy from the same source at a distance of a word or
+    // more, the smallest multiple of gap that is at least 8.
+    static constexpr u8 kStep[8] = {0, 8, 8, 9, 8, 10, 12, 14};
+    u32 lead = kStep[gap] - static_cast<u32>(gap);
+    if (n >= lead + 8) {
+      for (u32 i = 0; i < lead; i++) dst[i] = src[i];
+      return copy_words<8>(dst + lead, src, n - lead);
     }
-    if (i < n) {
-      u64 w;
-      __builtin_memcpy(&w, src + n - 8, 8);
-      __builtin_memcpy(dst + n - 8, &w, 8);
-    }
-    return;
   }
   for (u32 i = 0; i < n; i++) dst[i] = src[i];
 }
 
 // The symbols of one Huffman-coded block, up to its end-of-block code. The decoder's
-// state lives in locals here and goes back to g around every slow call.
-void inflate_block() {
+// state lives in locals here and goes back to g around every call that needs it.
+[[gnu::hot]] void inflate_block() {
   u64 bits = g.bits;
   unsigned count = g.bit_count;
   usize in_pos = g.in_pos;
@@ -404,31 +460,27 @@ void inflate_block() {
   u64 total = g.total;
   const u8* const in = g_input;
   u8* const window = g_window;
-  auto save = [&] {
-    g.bits = bits;
-    g.bit_count = count;
-    g.in_pos = in_pos;
-    g.total = total;
-  };
-  auto load = [&] {
-    bits = g.bits;
-    count = g.bit_count;
-    in_pos = g.in_pos;
-    in_fill = g.in_fill;
-    total = g.total;
-  };
-  auto more = [&] {
-    save();
-    bool ok = add_byte();
-    load();
-    return ok;
-  };
-  auto fail = [&] {
-    save();
-    g.code = kGunzipMalformed;
-  };
+#define OTA_SAVE() (g.bits = bits, g.bit_count = count, g.in_pos = in_pos, g.total = total)
+#define OTA_LOAD() (bits = g.bits, count = g.bit_count, in_pos = g.in_pos, in_fill = g.in_fill, total = g.total)
+// Calls f on g's state; returns from the block when it fails.
+#define OTA_CALL(f)        \
+  do {                     \
+    OTA_SAVE();            \
+    bool ok_ = f();        \
+    OTA_LOAD();            \
+    if (!ok_) return;      \
+  } while (0)
+#define OTA_FAIL()                  \
+  do {                              \
+    OTA_SAVE();                     \
+    g.code = kGunzipMalformed;      \
+    return;                         \
+  } while (0)
 
   for (;;) {
+    // At least 56 bits when eight input bytes are at hand, which covers a literal/length
+    // code, its extra bits, a distance code and its extra bits. Near the end of the
+    // buffer the top-up takes what is there and each step below checks its bits.
     if (in_fill - in_pos >= 8) {
       u64 w;
       __builtin_memcpy(&w, in + in_pos, 8);
@@ -439,67 +491,62 @@ void inflate_block() {
       for (; count <= 56 && in_pos < in_fill; count += 8) bits |= static_cast<u64>(in[in_pos++]) << count;
     }
 
-    u32 e;
-    while (((e = lookup(g_litlen, kLitLenRootBits, bits)) & 15) > count)
-      if (!more()) return;
-    bits >>= e & 15;
-    count -= e & 15;
+    u32 e = lookup(g_litlen, kLitLenRootBits, bits);
+    // Up to two literals here without going round the loop (each takes at most 15 bits).
+    for (int k = 0; k < 2 && (e & kLiteral) && (e & kTakeMask) <= count; k++) {
+      bits >>= e & 63;
+      count -= e & kTakeMask;
+      window[total & kWindowMask] = static_cast<u8>(e >> 16);
+      if ((++total & kWindowMask) == 0) OTA_CALL(flush);
+      e = lookup(g_litlen, kLitLenRootBits, bits);
+    }
+    while ((e & kTakeMask) > count) {
+      OTA_CALL(add_byte);
+      e = lookup(g_litlen, kLitLenRootBits, bits);
+    }
+    u64 saved = bits;
+    bits >>= e & 63;
+    count -= e & kTakeMask;
     if (e & kLiteral) {
       window[total & kWindowMask] = static_cast<u8>(e >> 16);
-      if ((++total & kWindowMask) == 0) {
-        save();
-        bool ok = flush();
-        load();
-        if (!ok) return;
-      }
+      if ((++total & kWindowMask) == 0) OTA_CALL(flush);
       continue;
     }
-    if (e & kEndOfBlock) {
-      save();
+    if (e & (kEndOfBlock | kBad)) {
+      if (e & kBad) OTA_FAIL();
+      OTA_SAVE();
       return;
     }
-    if (e & kBad) return fail();
+    // A length: its base plus the extra bits that follow the code.
+    u32 length = (e >> 16) + static_cast<u32>((saved & ((1ull << (e & kTakeMask)) - 1)) >> ((e >> 8) & 15));
 
-    unsigned extra = (e >> 4) & 15;
-    while (count < extra)
-      if (!more()) return;
-    u32 length = (e >> 16) + static_cast<u32>(bits & ((1u << extra) - 1));
-    bits >>= extra;
-    count -= extra;
-
-    while (((e = lookup(g_dist, kDistRootBits, bits)) & 15) > count)
-      if (!more()) return;
-    bits >>= e & 15;
-    count -= e & 15;
-    if (e & kBad) return fail();
-    extra = (e >> 4) & 15;
-    while (count < extra)
-      if (!more()) return;
-    u32 distance = (e >> 16) + static_cast<u32>(bits & ((1u << extra) - 1));
-    bits >>= extra;
-    count -= extra;
-    if (distance > total) return fail();
+    while (((e = lookup(g_dist, kDistRootBits, bits)) & kTakeMask) > count) OTA_CALL(add_byte);
+    saved = bits;
+    bits >>= e & 63;
+    count -= e & kTakeMask;
+    if (e & kBad) OTA_FAIL();
+    u32 distance = (e >> 16) + static_cast<u32>((saved & ((1ull << (e & kTakeMask)) - 1)) >> ((e >> 8) & 15));
+    if (distance > total) OTA_FAIL();
 
     u32 pos = total & kWindowMask;
     u32 src = (pos - distance) & kWindowMask;
-    for (;;) {
-      u32 far = pos > src ? pos : src;
-      u32 n = kWindowBytes - far;
-      if (n > length) n = length;
-      copy_match(window + pos, window + src, n);
-      total += n;
-      length -= n;
-      pos = (pos + n) & kWindowMask;
-      src = (src + n) & kWindowMask;
-      if (pos == 0) {
-        save();
-        bool ok = flush();
-        load();
-        if (!ok) return;
-      }
-      if (length == 0) break;
+    if ((pos > src ? pos : src) + length < kWindowBytes) {  // no wrap, no flush: the usual case
+      copy_match(window + pos, window + src, length);
+      total += length;
+      continue;
+    }
+    // The copy meets the end of the ring: byte by byte, flushing at the boundary.
+    for (; length > 0; length--) {
+      window[pos] = window[src];
+      pos = (pos + 1) & kWindowMask;
+      src = (src + 1) & kWindowMask;
+      if ((++total & kWindowMask) == 0) OTA_CALL(flush);
     }
   }
+#undef OTA_SAVE
+#undef OTA_LOAD
+#undef OTA_CALL
+#undef OTA_FAIL
 }
 
 }  // namespace
