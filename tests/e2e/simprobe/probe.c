@@ -68,11 +68,24 @@ static i64 num(const char* s) {
   for (; *s >= '0' && *s <= '9'; s++) v = v * 10 + (*s - '0');
   return v * sign;
 }
+/* One result line, "label value", written with a single call so that the calls of a
+   command are easy to count. */
 static void line(const char* label, i64 v) {
-  out(label);
-  out(" ");
-  out_num(v);
-  out("\n");
+  char buf[64];
+  u64 n = 0;
+  while (label[n] && n < 32) buf[n] = label[n], n++;
+  buf[n++] = ' ';
+  char digits[24];
+  int i = 24;
+  u64 u = v < 0 ? (u64)(-v) : (u64)v;
+  do {
+    digits[--i] = (char)('0' + u % 10);
+    u /= 10;
+  } while (u);
+  if (v < 0) buf[n++] = '-';
+  while (i < 24) buf[n++] = digits[i++];
+  buf[n++] = '\n';
+  sys3(1, 1, (i64)buf, (i64)n);
 }
 
 static u64 pack8(const char* name) {
@@ -191,16 +204,36 @@ static void run(char** w, int n) {
   } else if (eq(c, "unlink") && n >= 2) {
     line("unlink", sys3(87, (i64)w[1], 0, 0));
   } else if (eq(c, "fork") && n >= 2) {
-    /* fork MS: the child sleeps MS milliseconds, prints and ends; the parent goes on */
+    /* fork MS [FILE TEXT]: the child sleeps MS milliseconds, then writes TEXT to FILE
+       (or prints) and ends; the parent goes on */
     i64 pid = sys3(57, 0, 0, 0);
     if (pid == 0) {
       i64 ms = num(w[1]);
       i64 req[2] = {ms / 1000, (ms % 1000) * 1000000};
       sys3(35, (i64)req, 0, 0);
-      out("child done\n");
+      if (n >= 4) {
+        i64 fd = sys3(2, (i64)w[2], 577, 0);
+        if (!is_error(fd)) {
+          sys3(1, fd, (i64)w[3], (i64)len(w[3]));
+          sys3(3, fd, 0, 0);
+        }
+      } else {
+        out("child done\n");
+      }
       sys3(60, 0, 0, 0);
     }
     line("fork", pid);
+  } else if (eq(c, "sleeploop")) {
+    /* sleeps one second after the other, for ever */
+    for (;;) {
+      i64 req[2] = {1, 0};
+      sys3(35, (i64)req, 0, 0);
+    }
+  } else if (eq(c, "spin")) {
+    for (volatile int k = 0;; k++) {
+    }
+  } else if (eq(c, "crash")) {
+    *(volatile int*)8 = 1;
   } else if (eq(c, "exit") && n >= 2) {
     sys3(60, num(w[1]), 0, 0);
   } else {

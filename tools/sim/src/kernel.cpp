@@ -408,7 +408,7 @@ CommandId Kernel::start(const std::vector<std::string>& argv, const RunOptions& 
     return id;
   }
   long opts = PTRACE_O_TRACESECCOMP | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE |
-              PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
+              PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD;
   ptrace(PTRACE_SETOPTIONS, pid, nullptr, reinterpret_cast<void*>(opts));
   Tracee& t = tracees_[pid];
   t.pid = pid;
@@ -680,6 +680,10 @@ void Kernel::handle_status(pid_t pid, int status) {
       default: resume(*t); return;
     }
   }
+  if (sig == (SIGTRAP | 0x80)) {
+    on_syscall_exit(*t);
+    return;
+  }
   if (sig == SIGSTOP && !t->started) {
     t->started = true;
     resume(*t);
@@ -771,8 +775,28 @@ void Kernel::finish_with(Tracee& t, user_regs_struct& regs, int64_t result) {
   resume(t);
 }
 
-void Kernel::allow_with(Tracee& t, user_regs_struct& regs) {
+// Register numbers for restore_reg.
+constexpr int kRegRsi = 1;
+constexpr int kRegRdx = 2;
+
+void Kernel::allow_rewritten(Tracee& t, user_regs_struct& regs, int reg, unsigned long long original) {
   ptrace(PTRACE_SETREGS, t.pid, nullptr, &regs);
+  t.restore_reg = reg;
+  t.restore_value = original;
+  // Stop once more when the call returns, to put the register back.
+  ptrace(PTRACE_SYSCALL, t.pid, nullptr, nullptr);
+}
+
+void Kernel::on_syscall_exit(Tracee& t) {
+  if (t.restore_reg >= 0) {
+    user_regs_struct r;
+    if (ptrace(PTRACE_GETREGS, t.pid, nullptr, &r) == 0) {
+      if (t.restore_reg == kRegRsi) r.rsi = t.restore_value;
+      else r.rdx = t.restore_value;
+      ptrace(PTRACE_SETREGS, t.pid, nullptr, &r);
+    }
+    t.restore_reg = -1;
+  }
   resume(t);
 }
 
@@ -902,16 +926,18 @@ void Kernel::on_syscall(Tracee& t) {
   switch (nr) {
     case kOpen:
       if ((r.rsi & O_CREAT) && (r.rdx & 07777) == 0) {
+        unsigned long long original = r.rdx;
         r.rdx = 0644;
-        allow_with(t, r);
+        allow_rewritten(t, r, kRegRdx, original);
       } else {
         resume(t);
       }
       return;
     case kMkdir:
       if ((r.rsi & 07777) == 0) {
+        unsigned long long original = r.rsi;
         r.rsi = 0755;
-        allow_with(t, r);
+        allow_rewritten(t, r, kRegRsi, original);
       } else {
         resume(t);
       }

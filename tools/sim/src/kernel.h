@@ -84,6 +84,10 @@ class Kernel {
     Wait wait = Wait::none;
     int64_t wake_ns = 0;
     user_regs_struct regs{};
+    // An argument register rewritten for the call, to be put back when the call returns
+    // (the kernel keeps argument registers, and the program may rely on that).
+    int restore_reg = -1;
+    unsigned long long restore_value = 0;
     uint64_t calls = 0;
     int slot = -1;
     std::vector<std::string> hold_words;
@@ -125,7 +129,8 @@ class Kernel {
   void resume(Tracee& t, int signal = 0);
   void finish(Tracee& t, int64_t result);  // skips the call, result in rax
   void finish_with(Tracee& t, user_regs_struct& regs, int64_t result);
-  void allow_with(Tracee& t, user_regs_struct& regs);
+  void allow_rewritten(Tracee& t, user_regs_struct& regs, int reg, unsigned long long original);
+  void on_syscall_exit(Tracee& t);
   void stop_machine(Stop why, Durability durability = Durability::all);
   void reap_all();
   Tracee* tracee(pid_t pid);
