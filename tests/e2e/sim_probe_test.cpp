@@ -3,7 +3,10 @@
 // prints the raw results. These tests say nothing about ota; they pin what the simulated
 // kernel answers for the calls that no ota command makes yet.
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <sstream>
 
@@ -58,6 +61,20 @@ TEST_F(ProbeTest, SpawnPassesTheCountedWordsToAConfiguredProgramAndWaitGivesItsC
   // The count bounds the words: nothing behind it is read.
   r = probe("spawn-count 2 /bin/tool x y z");
   EXPECT_EQ(read_host(log), "[x]\n" + device().root() + "\n");
+}
+
+TEST_F(ProbeTest, AConfiguredProgramWritesWhereItsCallerWrites) {
+  std::string script = scratch("bin") + "/say";
+  write_host(script, "#!/bin/sh\necho \"out: $1\"\necho \"err: $1\" >&2\nexit 0\n", true);
+  device().set_program("/bin/sntp", script);  // a configured program replaces a model
+  RunResult r = probe("spawn /bin/sntp hello");
+  EXPECT_EQ(r.out, "out: hello\nspawn 6000000\nwait 0\ncode 0\n");
+  EXPECT_EQ(r.err, "err: hello\n");
+  EXPECT_FALSE(device().exists("/system/clock.stand"));
+  // A configured program that does not exist cannot be started.
+  device().set_program("/bin/sntp", scratch("bin") + "/missing");
+  r = probe("spawn /bin/sntp");
+  EXPECT_EQ(r.out, "spawn -2\n");
 }
 
 TEST_F(ProbeTest, APathNeitherModelledNorConfiguredDoesNotStart) {
@@ -211,6 +228,92 @@ TEST_F(FetchProbe, AHeldFetchWaitsForReleaseWhileOtherProcessesAreServed) {
   // The hold was for one fetch only.
   r = fetch("-o /tmp/ota/pkg.tpk http://u.example/aktuell/test/pkg.tpk");
   EXPECT_TRUE(has_line(r.out, "code 0")) << r.out;
+}
+
+// Real downloads with curl, from a web server on 127.0.0.1 only.
+class CurlFetchProbe : public FetchProbe {
+ protected:
+  void SetUp() override {
+    FetchProbe::SetUp();
+    if (system("command -v python3 >/dev/null && command -v curl >/dev/null") != 0)
+      GTEST_SKIP() << "python3 or curl missing";
+    // A small web server that answers byte ranges, as a download server for resumes does.
+    std::string script = scratch("web") + "/serve.py";
+    write_host(script,
+               "import http.server, os, re, sys\n"
+               "root = sys.argv[1]\n"
+               "class H(http.server.BaseHTTPRequestHandler):\n"
+               "    def do_GET(self):\n"
+               "        path = os.path.join(root, self.path.lstrip('/'))\n"
+               "        if not os.path.isfile(path):\n"
+               "            self.send_error(404)\n"
+               "            return\n"
+               "        data = open(path, 'rb').read()\n"
+               "        m = re.match(r'bytes=(\\d+)-$', self.headers.get('Range', ''))\n"
+               "        if m and int(m.group(1)) < len(data):\n"
+               "            start = int(m.group(1))\n"
+               "            self.send_response(206)\n"
+               "            self.send_header('Content-Range', 'bytes %d-%d/%d' % (start, len(data) - 1, len(data)))\n"
+               "            data = data[start:]\n"
+               "        else:\n"
+               "            self.send_response(200)\n"
+               "        self.send_header('Content-Length', str(len(data)))\n"
+               "        self.end_headers()\n"
+               "        self.wfile.write(data)\n"
+               "    def log_message(self, *args):\n"
+               "        pass\n"
+               "server = http.server.HTTPServer(('127.0.0.1', 0), H)\n"
+               "print('serving on port', server.server_address[1], flush=True)\n"
+               "server.serve_forever()\n");
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    server_ = fork();
+    if (server_ == 0) {
+      dup2(p[1], 1);
+      close(p[0]);
+      execlp("python3", "python3", script.c_str(), repo.c_str(), (char*)nullptr);
+      _exit(127);
+    }
+    close(p[1]);
+    std::string first;
+    char c;
+    while (read(p[0], &c, 1) == 1 && c != '\n') first += c;
+    close(p[0]);
+    size_t at = first.find(" port ");
+    ASSERT_NE(at, std::string::npos) << first;
+    port_ = std::stoi(first.substr(at + 6));
+    device().config().fetch_curl = true;
+  }
+  void TearDown() override {
+    if (server_ > 0) {
+      kill(server_, SIGTERM);
+      waitpid(server_, nullptr, 0);
+    }
+    FetchProbe::TearDown();
+  }
+  std::string url(const std::string& path) { return "http://127.0.0.1:" + std::to_string(port_) + "/" + path; }
+  pid_t server_ = -1;
+  int port_ = 0;
+};
+
+TEST_F(CurlFetchProbe, DownloadsAndResumesFromALocalServer) {
+  RunResult r = fetch("-o /tmp/ota/pkg.tpk " + url("test/pkg.tpk"));
+  EXPECT_TRUE(has_line(r.out, "code 0")) << r.out;
+  EXPECT_EQ(device().read_file("/tmp/ota/pkg.tpk"), payload);
+  device().write_file("/tmp/ota/pkg.tpk", payload.substr(0, 300));
+  r = fetch("-o /tmp/ota/pkg.tpk -b 300 " + url("test/pkg.tpk"));
+  EXPECT_TRUE(has_line(r.out, "code 0")) << r.out;
+  EXPECT_EQ(device().read_file("/tmp/ota/pkg.tpk"), payload);
+  r = fetch("-o /tmp/ota/none " + url("missing"));
+  EXPECT_TRUE(has_line(r.out, "code 1")) << r.out;
+}
+
+TEST_F(CurlFetchProbe, RefusesEveryOtherHost) {
+  RunResult r = fetch("-o /tmp/ota/VERZEICHNIS http://u.example/aktuell/VERZEICHNIS");
+  EXPECT_TRUE(has_line(r.out, "code 1")) << r.out;
+  auto faults = events_of(r.events, "fault");
+  ASSERT_EQ(faults.size(), 1u);
+  EXPECT_EQ(faults[0].fields[2], "refused");
 }
 
 // ---- the installer model
@@ -510,6 +613,19 @@ TEST_F(ProbeTest, WhatAMountPointHeldComesBackAfterTheUnmount) {
   EXPECT_EQ(device().read_file("/sysesp/stray"), "under the mount");
   auto names = device().esp_list("sda1");
   EXPECT_EQ(std::find(names.begin(), names.end(), "stray"), names.end());
+}
+
+TEST_F(ProbeTest, AMountOutlivesTheSimulatorSession) {
+  device().make_esp("sda1", {{"limine.conf", "menu"}});
+  EXPECT_EQ(probe("mount /dev/sda1 , write /sysesp/x X").out, "mount 0\nwrite 0\n");
+  std::string dir = device().dir();
+  device_.reset();  // the session ends; the kernel keeps its mount in kernel.state
+  EXPECT_EQ(fat_read(dir + "/disks/sda1.img", "x"), "X");
+  device_.emplace(Device::open(dir));
+  EXPECT_TRUE(device().mounted("/sysesp"));
+  EXPECT_EQ(probe("write /sysesp/y Y , umount /sysesp").out, "write 0\numount 0\n");
+  EXPECT_EQ(device().esp_read("sda1", "y"), "Y");
+  EXPECT_FALSE(device().exists("/sysesp/x"));
 }
 
 TEST_F(ProbeTest, ARestartUnmountsTheEspKeepingWhatWasWritten) {
