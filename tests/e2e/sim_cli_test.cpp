@@ -158,6 +158,19 @@ TEST_F(SimCli, SetAddAndUnsetEditSimConfAndRefuseBadValues) {
   EXPECT_NE(conf.out.find("free-blocks 42"), std::string::npos);
 }
 
+TEST_F(SimCli, BootStartsTheMachineAndRunsTheStartUpEntry) {
+  init({"--esp", "sda1"});
+  EXPECT_EQ(sim({"set", dev_, "start-entry", "settings"}).status, 0);
+  Cli c = sim({"boot", dev_, "-v"});
+  EXPECT_EQ(c.status, 0) << c.err;
+  EXPECT_EQ(c.out.rfind("ota: settings (/etc/ota.conf)\n", 0), 0u) << c.out;
+  EXPECT_EQ(c.err, "tavi-sim boot: sda1 entry 1 /tavi.mb build 1 commit 0000000 healthy\n");
+  EXPECT_EQ(slurp(dev_ + "/root/proc/version"), "tavi 1 build 0000000 (tavi-sim stand-in kernel)\n");
+  std::filesystem::remove(dev_ + "/disks/sda1.img");
+  c = sim({"boot", dev_});
+  EXPECT_EQ(c.status, 3);
+}
+
 TEST_F(SimCli, ClockShowsAndAdvancesVirtualTime) {
   init();
   EXPECT_EQ(sim({"clock", dev_}).out, "0.000\n");
@@ -166,7 +179,7 @@ TEST_F(SimCli, ClockShowsAndAdvancesVirtualTime) {
 }
 
 TEST_F(SimCli, EveryCommandHasHelp) {
-  for (const char* cmd : {"init", "run", "events", "esp", "conf", "set", "add", "unset", "clock"}) {
+  for (const char* cmd : {"init", "run", "boot", "events", "esp", "conf", "set", "add", "unset", "clock"}) {
     Cli c = sim({cmd, "--help"});
     EXPECT_EQ(c.status, 0) << cmd;
     EXPECT_EQ(c.out.rfind(std::string("usage: tavi-sim ") + cmd, 0), 0u) << cmd << ": " << c.out;

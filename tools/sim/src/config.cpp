@@ -284,6 +284,15 @@ Config parse_config(std::string_view text, const std::string& origin) {
       uint64_t code = u64_at(1, "exit code");
       if (code > 255) throw bad("exit code must be 0 to 255: " + w[1]);
       (key == "sntp-fail" ? c.sntp_fail : c.rootsctl_fail) = static_cast<int>(code);
+    } else if (key == "boot-tries") {
+      need(1, 1);
+      uint64_t v = u64_at(1, "starts");
+      if (v == 0 || v > 99) throw bad("must be 1 to 99: " + w[1]);
+      c.boot_tries = static_cast<int>(v);
+    } else if (key == "start-entry") {
+      if (w.size() < 2) throw bad("needs the words after ota, or - for none");
+      c.start_entry.assign(w.begin() + 1, w.end());
+      if (c.start_entry.size() == 1 && c.start_entry[0] == "-") c.start_entry.clear();
     } else {
       throw SimError(origin + ":" + std::to_string(line_no) + ": unknown key " + key);
     }
@@ -337,6 +346,11 @@ std::string format_config(const Config& c) {
   if (!c.tpk_catalog_file.empty()) o << "tpk-catalog " << c.tpk_catalog_file << "\n";
   if (c.sntp_fail) o << "sntp-fail " << c.sntp_fail << "\n";
   if (c.rootsctl_fail) o << "rootsctl-fail " << c.rootsctl_fail << "\n";
+  o << "boot-tries " << c.boot_tries << "\n";
+  o << "start-entry";
+  for (auto& w : c.start_entry) o << " " << w;
+  if (c.start_entry.empty()) o << " -";
+  o << "\n";
   return o.str();
 }
 

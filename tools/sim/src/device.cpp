@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "host.h"
+#include "tavisim/boot.h"
 #include "kernel.h"
 #include "rootfs.h"
 
@@ -24,7 +25,7 @@ void init_device(const std::string& dir, const InitOptions& options) {
   for (auto& disk : options.esp_disks) {
     if (disk.empty() || disk.find('/') != std::string::npos) throw SimError("not a disk name: " + disk);
     make_fat_image(dir + "/disks/" + disk + ".img",
-                   {{"limine.conf", default_limine_conf()}, {"tavi.mb", "tavi kernel image (simulated)\n"}});
+                   {{"limine.conf", default_limine_conf()}, {"tavi.mb", stand_in_kernel(1, "0000000")}});
   }
 }
 
@@ -197,6 +198,11 @@ bool Device::wait_background(double wall_seconds, double virtual_seconds) {
 
 std::vector<int64_t> Device::live_pids() const { return impl_->kernel->live_pids(); }
 void Device::power_off() { impl_->kernel->power_off(); }
+BootResult Device::boot(const BootOptions& options) {
+  save_config();
+  return impl_->kernel->boot(options.run, options.start_entry);
+}
+BootResult Device::boot() { return boot(BootOptions{}); }
 int64_t Device::virtual_ms() const { return impl_->kernel->clock_ns() / 1000000; }
 void Device::advance_clock(double seconds) { impl_->kernel->advance_clock(static_cast<int64_t>(seconds * 1e9)); }
 

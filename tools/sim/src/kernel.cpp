@@ -226,6 +226,7 @@ KernelState parse_kernel_state(const std::string& text, const std::string& origi
     else if (f[0] == "counter" && f.size() == 3) s.counters[f[1]] = number(2);
     else if (f[0] == "mount" && f.size() >= 3) s.mounts[f[1]] = f[2];
     else if (f[0] == "next-spawn-id") s.next_spawn_id = std::max<int64_t>(number(1), kSpawnIdBase);
+    else if (f[0] == "healthy") s.healthy = number(1) != 0;
     else throw bad();
   }
   return s;
@@ -242,6 +243,7 @@ std::string format_kernel_state(const KernelState& s) {
   for (auto& [key, v] : s.counters) o << "counter\t" << escape_field(key) << "\t" << v << "\n";
   for (auto& [target, dev] : s.mounts) o << "mount\t" << escape_field(target) << "\t" << escape_field(dev) << "\n";
   o << "next-spawn-id\t" << s.next_spawn_id << "\n";
+  o << "healthy\t" << (s.healthy ? 1 : 0) << "\n";
   return o.str();
 }
 
@@ -1130,7 +1132,8 @@ Kernel::SlotView Kernel::slot_view(int slot) const {
   SlotView v;
   for (auto& task : cfg_.tasks) {
     if (task.slot != slot) continue;
-    if (st_.killed_slots.count(slot)) return v;
+    // A broken kernel image never brings the desktop up.
+    if (st_.killed_slots.count(slot) || !st_.healthy) return v;
     int64_t appear = st_.boot_ns + task.appear_ns;
     if (st_.clock_ns < appear) return v;
     v.pid = task.effective_pid();

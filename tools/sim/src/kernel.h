@@ -22,6 +22,7 @@
 
 #include "esp_mount.h"
 #include "rootfs.h"
+#include "tavisim/boot.h"
 #include "tavisim/config.h"
 #include "tavisim/device.h"
 #include "tavisim/events.h"
@@ -42,6 +43,7 @@ struct KernelState {
   std::map<std::string, int64_t> counters;
   std::map<std::string, std::string> mounts;  // target -> device
   int64_t next_spawn_id = kSpawnIdBase;
+  bool healthy = true;  // the running kernel image starts the desktop tasks
 };
 
 KernelState parse_kernel_state(const std::string& text, const std::string& origin);
@@ -66,6 +68,7 @@ class Kernel {
   void release(const std::string& name);
   std::vector<int64_t> live_pids() const;
   void power_off();
+  BootResult boot(const RunOptions& options, bool run_start_entry);
 
   int64_t clock_ns() const { return st_.clock_ns; }
   void advance_clock(int64_t ns);

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "host.h"
+#include "tavisim/boot.h"
 #include "tavisim/device.h"
 
 namespace {
@@ -29,6 +30,8 @@ const char* kUsage =
     "                     make a device directory\n"
     "  run DIR [--wall S] [--virtual S] [--cut K all|synced] [-v] -- WORDS...\n"
     "                     run `ota WORDS...` in the device\n"
+    "  boot DIR [--virtual S] [--wall S] [--restarts N] [--no-start] [-v]\n"
+    "                     start the machine: boot loader, kernel, start-up entry\n"
     "  events DIR [KIND]  print the device's event log\n"
     "  esp DIR [--disk DISK] ls | cat FILE | check\n"
     "                     look into an ESP image\n"
@@ -59,6 +62,16 @@ const Help kHelp[] = {
      "254 killed by a signal, 255 the simulator failed. -v names the reason on stderr.\n"
      "--wall S: real seconds (default 120, 0 none); --virtual S: virtual seconds (default 86400).\n"
      "--cut K all|synced: end ota at its K-th system call, keeping all or only synced data.\n"},
+    {"boot",
+     "usage: tavi-sim boot DIR [--virtual S] [--wall S] [--restarts N] [--no-start] [-v]\n"
+     "Starts the machine. The boot loader reads limine.conf on the first disk image that has\n"
+     "one (sda1, nvme01, hda1, then the others) and starts the default entry's kernel, a\n"
+     "stand-in image (`ota-publish kernel`). The kernel writes /proc/version, counts the starts\n"
+     "of an unconfirmed trial in /system/ERPROBUNG (after boot-tries starts it falls back to\n"
+     "entry 1), brings the configured tasks up if the image is healthy, and runs the start-up\n"
+     "entry (`ota boot`) for at most S virtual seconds (default 3600). When that restarts the\n"
+     "machine it is started again, at most N more times (default 0). Exit status: 0 the\n"
+     "machine came up, 3 it stands at the boot loader, 250 it was still restarting.\n"},
     {"events", "usage: tavi-sim events DIR [KIND]\nPrints DIR/events.log, or only its events of KIND.\n"},
     {"esp",
      "usage: tavi-sim esp DIR [--disk DISK] ls | cat FILE | check\n"
@@ -180,6 +193,40 @@ int cmd_run(int argc, char** argv) {
   return r.status;
 }
 
+int cmd_boot(int argc, char** argv) {
+  if (argc < 3) return usage_error("boot", "which device?");
+  BootOptions o;
+  o.run.capture = false;
+  bool verbose = false;
+  uint64_t restarts = 0;
+  for (int i = 3; i < argc; i++) {
+    std::string a = argv[i];
+    if (a == "-v") verbose = true;
+    else if (a == "--no-start") o.start_entry = false;
+    else if (a == "--wall" && i + 1 < argc) o.run.wall_seconds = seconds_arg("boot", a, argv[++i]);
+    else if (a == "--virtual" && i + 1 < argc) o.run.virtual_seconds = seconds_arg("boot", a, argv[++i]);
+    else if (a == "--restarts" && i + 1 < argc && parse_u64(argv[i + 1], restarts)) i++;
+    else return usage_error("boot", "unknown option " + a);
+  }
+  Device d = Device::open(argv[2]);
+  for (uint64_t n = 0;; n++) {
+    BootResult b = d.boot(o);
+    if (!b.booted) {
+      if (verbose) std::cerr << "tavi-sim boot: stands at the boot loader: " << b.stuck << "\n";
+      return 3;
+    }
+    if (verbose) {
+      std::cerr << "tavi-sim boot: " << b.disk << " entry " << b.entry << " " << b.kernel_path << " build "
+                << b.kernel.build << " commit " << b.kernel.commit << (b.kernel.healthy ? " healthy" : " broken");
+      if (b.trial_starts >= 0) std::cerr << ", trial start " << b.trial_starts;
+      if (b.fallback) std::cerr << ", fell back to entry 1";
+      std::cerr << "\n";
+    }
+    if (!b.ran_start_entry || !b.start_entry.rebooted) return 0;
+    if (n >= restarts) return kExitRestart;
+  }
+}
+
 int cmd_events(int argc, char** argv) {
   if (argc < 3 || argc > 4) return usage_error("events", "which device?");
   auto text = read_host_file(std::string(argv[2]) + "/events.log");
@@ -299,6 +346,7 @@ int main(int argc, char** argv) {
     if (command == "init") return cmd_init(argc, argv);
     if (command == "run") return cmd_run(argc, argv);
     if (command == "events") return cmd_events(argc, argv);
+    if (command == "boot") return cmd_boot(argc, argv);
     if (command == "esp") return cmd_esp(argc, argv);
     if (command == "conf") return cmd_conf(argc, argv);
     if (command == "set") return cmd_set(argc, argv, false);

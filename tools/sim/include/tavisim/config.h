@@ -109,6 +109,12 @@ struct Config {
   std::string tpk_catalog_file;  // host file whose bytes become CATALOG
   int sntp_fail = 0;
   int rootsctl_fail = 0;
+
+  // The start of the machine (Device::boot): how many starts of an unconfirmed trial the
+  // kernel allows before it falls back to menu entry 1, and the start-up entry it runs
+  // (the words after "ota"; empty: none).
+  int boot_tries = 3;
+  std::vector<std::string> start_entry = {"boot"};
 };
 
 // Parses sim.conf text. Throws SimError naming the line and the value at fault.

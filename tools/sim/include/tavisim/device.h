@@ -49,11 +49,13 @@ struct RunResult {
 };
 
 using CommandId = int;
+struct BootResult;
+struct BootOptions;
 
 struct InitOptions {
   std::string ota_binary;               // copied to root/bin/ota
   std::vector<std::string> esp_disks;   // e.g. {"sda1"}: an ESP image with a boot menu and tavi.mb
-  std::string proc_version = "tavi version 1.0 build 0000000 (tavi-sim)\n";
+  std::string proc_version = "tavi 1 build 0000000 (tavi-sim stand-in kernel)\n";
 };
 
 // Makes the device directory layout at dir (which may exist but must not hold a device).
@@ -123,6 +125,9 @@ class Device {
   bool wait_background(double wall_seconds = 60, double virtual_seconds = 86400);
   std::vector<int64_t> live_pids() const;
   void power_off();  // ends every process at once, as a power cut with everything kept
+  // Starts the machine: boot loader, kernel, start-up entry (see tavisim/boot.h).
+  BootResult boot(const BootOptions& options);
+  BootResult boot();
 
   // Time and events.
   int64_t virtual_ms() const;  // since the clock's configured start
