@@ -57,6 +57,8 @@ TEST_F(ProbeTest, SpawnPassesTheCountedWordsToAConfiguredProgramAndWaitGivesItsC
   EXPECT_EQ(spawns[0].fields[1], "/bin/tool");
   EXPECT_EQ(spawns[0].fields[2], "a");
   EXPECT_EQ(spawns[0].fields[3], "b c");
+  EXPECT_EQ(spawns[0].fields[4], "");
+  EXPECT_EQ(spawns[0].fields.size(), 5u);
 
   // The count bounds the words: nothing behind it is read.
   r = probe("spawn-count 2 /bin/tool x y z");
@@ -454,14 +456,14 @@ TEST_F(ProbeTest, EndingTasksByNameCountsOnlyWholeNamesOfLiveTasks) {
   ASSERT_EQ(ends.size(), 2u);
   EXPECT_EQ(ends[0].fields[0], "5000003");
   EXPECT_EQ(ends[0].fields[1], "taskbar");
-  EXPECT_EQ(ends[0].value("status"), "137");
-  EXPECT_EQ(ends[0].value("result"), "0");
+  EXPECT_EQ(ends[0].fields[2], "137");
+  EXPECT_EQ(ends[0].fields[3], "0");
 }
 
 TEST_F(ProbeTest, EndingAnUnknownPidFails) {
   RunResult r = probe("end 4999999 137");
   EXPECT_EQ(r.out, "end -3\n");  // ESRCH
-  EXPECT_EQ(events_of(r.events, "end_task")[0].value("result"), "-3");
+  EXPECT_EQ(events_of(r.events, "end_task")[0].fields, (std::vector<std::string>{"4999999", "", "137", "-3"}));
 }
 
 TEST_F(ProbeTest, TheFirstOtaSlotIsConfigurable) {

@@ -25,9 +25,10 @@ int mtools(const std::vector<std::string>& argv, std::string* out, std::string* 
 
 namespace {
 
-std::string scratch_dir() {
-  const char* base = getenv("TMPDIR");
-  std::string tmpl = std::string(base && *base ? base : "/tmp") + "/tavisim-stage-XXXXXX";
+// Files on their way into an image wait beside it, so nothing is written outside the
+// directory the image lives in.
+std::string scratch_dir(const std::string& image) {
+  std::string tmpl = parent_of(image) + "/.stage-XXXXXX";
   std::vector<char> buf(tmpl.begin(), tmpl.end());
   buf.push_back(0);
   if (!mkdtemp(buf.data())) throw SimError("cannot create a scratch directory under " + tmpl);
@@ -69,7 +70,7 @@ void make_fat_image(const std::string& image, const std::map<std::string, std::s
   mk.err = &err;
   if (run_tool(mk) != 0) throw SimError("mkfs.vfat could not make " + image + ": " + err);
   if (files.empty()) return;
-  std::string stage = scratch_dir();
+  std::string stage = scratch_dir(image);
   try {
     for (auto& [path, data] : files) {
       std::string host = join_path(stage, path);
@@ -119,7 +120,7 @@ std::optional<std::string> fat_read(const std::string& image, const std::string&
 }
 
 void fat_write(const std::string& image, const std::string& path, const std::string& data) {
-  std::string stage = scratch_dir();
+  std::string stage = scratch_dir(image);
   std::string err;
   try {
     std::string rel;

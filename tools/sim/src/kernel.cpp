@@ -843,6 +843,21 @@ void Kernel::reap_all() {
   }
 }
 
+// The task is gone when end_task returns: wait for the killed process here.
+void Kernel::reap_one(pid_t pid) {
+  while (Tracee* t = tracee(pid)) {
+    int status = 0;
+    pid_t r = waitpid(pid, &status, __WALL);
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      on_exit(*t, SIGKILL);
+      break;
+    }
+    if (WIFEXITED(status) || WIFSIGNALED(status)) on_exit(*t, status);
+    // A stop reported on the way is left alone: SIGKILL ends the process anyway.
+  }
+}
+
 // ---------------------------------------------------------------------------------------
 // Memory of the traced process
 
@@ -1182,15 +1197,16 @@ int64_t Kernel::sys_end_task(Tracee& t, uint64_t pid_arg, uint64_t status) {
     for (auto& task : cfg_.tasks) configured = configured || task.slot == s;
     if (!configured || v.state != 1 || v.pid != target) continue;
     st_.killed_slots.insert(s);
-    log("end_task", t.pid, {num(target), v.name, "status=" + num(static_cast<int64_t>(status)), "result=0"});
+    log("end_task", t.pid, {num(target), v.name, num(static_cast<int64_t>(status)), "0"});
     return 0;
   }
   if (target > 0 && target <= INT32_MAX && tracees_.count(static_cast<pid_t>(target))) {
-    log("end_task", t.pid, {num(target), "ota", "status=" + num(static_cast<int64_t>(status)), "result=0"});
+    log("end_task", t.pid, {num(target), "ota", num(static_cast<int64_t>(status)), "0"});
     kill(static_cast<pid_t>(target), SIGKILL);
+    reap_one(static_cast<pid_t>(target));
     return 0;
   }
-  log("end_task", t.pid, {num(target), "", "status=" + num(static_cast<int64_t>(status)), "result=" + num(-ESRCH)});
+  log("end_task", t.pid, {num(target), "", num(static_cast<int64_t>(status)), num(-ESRCH)});
   return -ESRCH;
 }
 

@@ -136,6 +136,7 @@ class Kernel {
   void on_syscall_exit(Tracee& t);
   void stop_machine(Stop why, Durability durability = Durability::all);
   void reap_all();
+  void reap_one(pid_t pid);
   Tracee* tracee(pid_t pid);
 
   // Calls.

@@ -176,7 +176,6 @@ int64_t Kernel::start_program(Tracee& t, const std::string& path, const std::vec
   std::vector<std::string> fields = {(status & 0x7f) ? "signal=" + std::to_string(status & 0x7f)
                                                      : "exit=" + std::to_string((status >> 8) & 255)};
   fields.insert(fields.end(), words.begin(), words.end());
-  fields.push_back("id=" + std::to_string(id));
   log("spawn", caller, fields);
   return id;
 }
