@@ -1,0 +1,62 @@
+#pragma once
+// GoogleTest fixture: a fresh simulated device per test, removed afterwards (kept when
+// TAVISIM_KEEP=1 is set, and its directory printed).
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+
+#include "tavisim/device.h"
+
+namespace tavisim {
+
+class DeviceTest : public ::testing::Test {
+ protected:
+  void SetUp() override { device_.emplace(Device::create(program())); }
+
+  void TearDown() override {
+    if (!device_) return;
+    std::string dir = device_->dir();
+    device_.reset();
+    const char* keep = getenv("TAVISIM_KEEP");
+    if (keep && *keep == '1') {
+      std::cerr << "device kept in " << dir << "\n";
+      return;
+    }
+    std::filesystem::remove_all(dir);
+  }
+
+  // The program installed as the device's /bin/ota: the real ota unless a test says so.
+  virtual std::string program() const { return OTA_BINARY; }
+
+  Device& device() { return *device_; }
+
+  // A host directory inside the device directory (removed with it), for repositories
+  // and scripts.
+  std::string scratch(const std::string& name) {
+    std::string p = device_->dir() + "/scratch/" + name;
+    std::filesystem::create_directories(p);
+    return p;
+  }
+
+  static void write_host(const std::string& path, const std::string& data, bool executable = false) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << data;
+    if (executable)
+      std::filesystem::permissions(path, std::filesystem::perms::owner_all | std::filesystem::perms::group_read |
+                                             std::filesystem::perms::group_exec);
+  }
+
+  static std::string read_host(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  }
+
+  std::optional<Device> device_;
+};
+
+}  // namespace tavisim

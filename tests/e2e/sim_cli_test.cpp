@@ -1,0 +1,198 @@
+// The tavi-sim command line: making a device, running ota in it, the event log, the ESP,
+// editing sim.conf, and the clock.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "tavisim/device.h"
+
+namespace tavisim {
+namespace {
+
+struct Cli {
+  int status = -1;
+  std::string out, err;
+};
+
+class SimCli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string tmpl = std::filesystem::temp_directory_path().string() + "/tavisim-cli-XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back(0);
+    ASSERT_NE(mkdtemp(buf.data()), nullptr);
+    base_ = buf.data();
+    dev_ = base_ + "/dev";
+  }
+  void TearDown() override { std::filesystem::remove_all(base_); }
+
+  static std::string quote(const std::string& w) {
+    std::string r = "'";
+    for (char c : w) r += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return r + "'";
+  }
+  static std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  }
+
+  Cli sim(const std::vector<std::string>& args) {
+    std::string cmd = quote(OTA_SIM);
+    for (auto& a : args) cmd += " " + quote(a);
+    cmd += " >" + quote(base_ + "/out") + " 2>" + quote(base_ + "/err");
+    Cli c;
+    int rc = system(cmd.c_str());
+    c.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+    c.out = slurp(base_ + "/out");
+    c.err = slurp(base_ + "/err");
+    return c;
+  }
+
+  void init(std::vector<std::string> extra = {}) {
+    std::vector<std::string> args = {"init", dev_, "--binary", OTA_BINARY};
+    args.insert(args.end(), extra.begin(), extra.end());
+    Cli c = sim(args);
+    ASSERT_EQ(c.status, 0) << c.err;
+  }
+
+  std::string base_, dev_;
+};
+
+TEST_F(SimCli, InitMakesTheDeviceLayout) {
+  init({"--esp", "sda1"});
+  for (const char* p : {"root/bin/ota", "root/etc", "root/system", "root/tmp", "root/sysesp", "root/proc/version",
+                        "disks/sda1.img", "sim.conf", "kernel.state", "events.log"})
+    EXPECT_TRUE(std::filesystem::exists(dev_ + "/" + p)) << p;
+  EXPECT_FALSE(std::filesystem::exists(dev_ + "/root/etc/ota.conf"));
+  EXPECT_EQ(slurp(dev_ + "/root/bin/ota"), slurp(OTA_BINARY));
+  EXPECT_EQ(fat_read(dev_ + "/disks/sda1.img", "limine.conf"), default_limine_conf());
+  EXPECT_EQ(fat_check(dev_ + "/disks/sda1.img"), 0);
+  // A directory that already holds a device is not made again.
+  Cli again = sim({"init", dev_, "--binary", OTA_BINARY});
+  EXPECT_NE(again.status, 0);
+  EXPECT_NE(again.err.find("already holds a device"), std::string::npos) << again.err;
+}
+
+TEST_F(SimCli, RunPassesOutputThroughAndExitsWithOtasStatus) {
+  init();
+  Cli c = sim({"run", dev_, "--"});
+  EXPECT_EQ(c.status, 0);
+  EXPECT_EQ(c.out, "ota search | show | apply\nota confirm | rollback | watchdog | service | system search|apply|status\n");
+  EXPECT_EQ(c.err, "");
+  c = sim({"run", dev_, "--", "set", "Quelle", "x"});
+  EXPECT_EQ(c.status, 1);
+  EXPECT_EQ(c.out, "");
+  EXPECT_EQ(c.err, "ota: not a key: quelle name abstand auto frist kanal gesund\n");
+  c = sim({"run", dev_, "--", "set", "kanal", "dev"});
+  EXPECT_EQ(c.status, 0);
+  EXPECT_EQ(c.out, "ota: set kanal is now dev\n");
+  EXPECT_EQ(slurp(dev_ + "/root/etc/ota.conf"), "kanal=dev\n");
+}
+
+TEST_F(SimCli, ACutRunExitsWith251AndSaysSoOnlyWhenAsked) {
+  init();
+  Cli c = sim({"run", dev_, "--cut", "1", "all", "--", "settings"});
+  EXPECT_EQ(c.status, 251);
+  EXPECT_EQ(c.err, "");
+  c = sim({"run", dev_, "-v", "--cut", "1", "synced", "--", "settings"});
+  EXPECT_EQ(c.status, 251);
+  EXPECT_EQ(c.err, "tavi-sim run: the program was cut by fault injection\n");
+}
+
+TEST_F(SimCli, EventsPrintsTheLogOrOneKind) {
+  init();
+  sim({"run", dev_, "--", "settings"});
+  Cli c = sim({"events", dev_});
+  EXPECT_EQ(c.status, 0);
+  auto events = parse_events(c.out);
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0].kind, "start");
+  EXPECT_EQ(events[0].fields, (std::vector<std::string>{"/bin/ota", "settings"}));
+  c = sim({"events", dev_, "exit"});
+  EXPECT_EQ(parse_events(c.out).size(), 1u);
+  EXPECT_EQ(parse_events(c.out)[0].value("status"), "0");
+}
+
+TEST_F(SimCli, EspListsAndPrintsFilesAndChecksTheImage) {
+  init({"--esp", "sda1"});
+  Cli c = sim({"esp", dev_, "ls"});
+  EXPECT_EQ(c.status, 0);
+  EXPECT_NE(c.out.find("limine.conf\n"), std::string::npos);
+  EXPECT_NE(c.out.find("tavi.mb\n"), std::string::npos);
+  c = sim({"esp", dev_, "--disk", "sda1", "cat", "limine.conf"});
+  EXPECT_EQ(c.out, default_limine_conf());
+  c = sim({"esp", dev_, "cat", "nope"});
+  EXPECT_EQ(c.status, 1);
+  EXPECT_NE(c.err.find("nope"), std::string::npos);
+  c = sim({"esp", dev_, "check"});
+  EXPECT_EQ(c.status, 0);
+  c = sim({"esp", dev_, "--disk", "nvme01", "ls"});
+  EXPECT_NE(c.status, 0);
+  EXPECT_NE(c.err.find("nvme01.img"), std::string::npos) << c.err;
+}
+
+TEST_F(SimCli, SetAddAndUnsetEditSimConfAndRefuseBadValues) {
+  init();
+  EXPECT_EQ(sim({"set", dev_, "free-blocks", "42"}).status, 0);
+  EXPECT_EQ(sim({"add", dev_, "task", "3", "desktop", "20"}).status, 0);
+  EXPECT_EQ(sim({"add", dev_, "task", "4", "glogin", "25"}).status, 0);
+  Config c = parse_config(slurp(dev_ + "/sim.conf"));
+  EXPECT_EQ(c.free_blocks, 42u);
+  EXPECT_EQ(c.tasks.size(), 2u);
+  Cli bad = sim({"set", dev_, "free-blocks", "many"});
+  EXPECT_NE(bad.status, 0);
+  EXPECT_NE(bad.err.find("many"), std::string::npos) << bad.err;
+  EXPECT_NE(bad.err.find("sim.conf"), std::string::npos) << bad.err;
+  bad = sim({"set", dev_, "no-such-key", "1"});
+  EXPECT_NE(bad.status, 0);
+  EXPECT_NE(bad.err.find("no-such-key"), std::string::npos) << bad.err;
+  EXPECT_EQ(parse_config(slurp(dev_ + "/sim.conf")).free_blocks, 42u);  // untouched by the refusals
+  EXPECT_EQ(sim({"unset", dev_, "task"}).status, 0);
+  EXPECT_TRUE(parse_config(slurp(dev_ + "/sim.conf")).tasks.empty());
+  Cli conf = sim({"conf", dev_});
+  EXPECT_NE(conf.out.find("free-blocks 42"), std::string::npos);
+}
+
+TEST_F(SimCli, BootStartsTheMachineAndRunsTheStartUpEntry) {
+  init({"--esp", "sda1"});
+  EXPECT_EQ(sim({"set", dev_, "start-entry", "settings"}).status, 0);
+  Cli c = sim({"boot", dev_, "-v"});
+  EXPECT_EQ(c.status, 0) << c.err;
+  EXPECT_EQ(c.out.rfind("ota: settings (/etc/ota.conf)\n", 0), 0u) << c.out;
+  EXPECT_EQ(c.err, "tavi-sim boot: sda1 entry 1 /tavi.mb build 1 commit 0000000 healthy\n");
+  EXPECT_EQ(slurp(dev_ + "/root/proc/version"), "tavi 1 build 0000000 (tavi-sim stand-in kernel)\n");
+  std::filesystem::remove(dev_ + "/disks/sda1.img");
+  c = sim({"boot", dev_});
+  EXPECT_EQ(c.status, 3);
+}
+
+TEST_F(SimCli, ClockShowsAndAdvancesVirtualTime) {
+  init();
+  EXPECT_EQ(sim({"clock", dev_}).out, "0.000\n");
+  EXPECT_EQ(sim({"clock", dev_, "advance", "90.5"}).out, "90.500\n");
+  EXPECT_EQ(sim({"clock", dev_}).out, "90.500\n");
+}
+
+TEST_F(SimCli, EveryCommandHasHelp) {
+  for (const char* cmd : {"init", "run", "boot", "events", "esp", "conf", "set", "add", "unset", "clock"}) {
+    Cli c = sim({cmd, "--help"});
+    EXPECT_EQ(c.status, 0) << cmd;
+    EXPECT_EQ(c.out.rfind(std::string("usage: tavi-sim ") + cmd, 0), 0u) << cmd << ": " << c.out;
+  }
+  Cli c = sim({"--help"});
+  EXPECT_EQ(c.status, 0);
+  EXPECT_NE(c.out.find("run DIR"), std::string::npos);
+  c = sim({"frobnicate"});
+  EXPECT_EQ(c.status, 2);
+  c = sim({"run", base_ + "/missing", "--", "settings"});
+  EXPECT_EQ(c.status, 255);
+  EXPECT_NE(c.err.find(base_ + "/missing"), std::string::npos) << c.err;
+}
+
+}  // namespace
+}  // namespace tavisim
