@@ -4,10 +4,6 @@
 using namespace e2e;
 using tavisim::RunResult;
 
-namespace {
-
-}  // namespace
-
 class CatalogTest : public SourceTest {
  protected:
   // Test keys the device trusts instead of the publisher's, so that catalogs can be
