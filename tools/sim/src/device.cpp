@@ -1,5 +1,6 @@
 #include "tavisim/device.h"
 
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -54,7 +55,8 @@ Device Device::create(const std::string& ota_binary, const InitOptions& extra) {
 
 Device Device::open(const std::string& dir) {
   auto impl = std::make_unique<Impl>();
-  impl->dir = dir;
+  char real[PATH_MAX];
+  impl->dir = realpath(dir.c_str(), real) ? std::string(real) : dir;
   if (!host_is_dir(dir + "/root")) throw SimError(dir + " is not a device directory: " + dir + "/root is missing");
   if (auto text = read_host_file(dir + "/sim.conf")) impl->config = parse_config(*text, dir + "/sim.conf");
   impl->kernel = std::make_unique<Kernel>(dir);

@@ -193,6 +193,7 @@ class Kernel {
   std::string root_;
   Config cfg_;
   KernelState st_;
+  std::string saved_state_;  // the text last written to kernel.state
   std::unique_ptr<RootFs> fs_;
   int events_fd_ = -1;
   int sigfd_ = -1;
