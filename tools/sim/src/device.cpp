@@ -181,12 +181,12 @@ CommandId Device::start_argv(const std::vector<std::string>& argv, const RunOpti
   return impl_->kernel->start(argv, options);
 }
 
-bool Device::serve_until(const std::function<bool()>& done, double wall_seconds) {
-  return impl_->kernel->serve_until(done, wall_seconds);
+bool Device::serve_until(const std::function<bool()>& done, double wall_seconds, double virtual_seconds) {
+  return impl_->kernel->serve_until(done, wall_seconds, virtual_seconds);
 }
 
-bool Device::serve_until_held(const std::string& file_name, double wall_seconds) {
-  return serve_until([&] { return held(file_name); }, wall_seconds);
+bool Device::serve_until_held(const std::string& file_name, double wall_seconds, double virtual_seconds) {
+  return serve_until([&] { return held(file_name); }, wall_seconds, virtual_seconds);
 }
 
 bool Device::held(const std::string& file_name) const { return impl_->kernel->held(file_name); }

@@ -471,10 +471,11 @@ RunResult Kernel::wait(CommandId id, double wall_seconds) {
   return c.result;
 }
 
-bool Kernel::serve_until(const std::function<bool()>& done, double wall_seconds) {
+bool Kernel::serve_until(const std::function<bool()>& done, double wall_seconds, double virtual_seconds) {
   std::optional<Clock::time_point> wall;
   if (wall_seconds > 0) wall = Clock::now() + std::chrono::microseconds(static_cast<int64_t>(wall_seconds * 1e6));
-  Served s = serve(done, wall, INT64_MAX);
+  int64_t vdeadline = virtual_seconds > 0 ? st_.clock_ns + static_cast<int64_t>(virtual_seconds * 1e9) : INT64_MAX;
+  Served s = serve(done, wall, vdeadline, true);
   save_state();
   return s == Served::done;
 }
@@ -543,7 +544,7 @@ Kernel::Tracee* Kernel::tracee(pid_t pid) {
 // Serving
 
 Kernel::Served Kernel::serve(const std::function<bool()>& done, std::optional<Clock::time_point> wall,
-                             int64_t virtual_deadline) {
+                             int64_t virtual_deadline, bool keep_running) {
   sigset_t set, old;
   sigemptyset(&set);
   sigaddset(&set, SIGCHLD);
@@ -563,6 +564,10 @@ Kernel::Served Kernel::serve(const std::function<bool()>& done, std::optional<Cl
     bool hit = false, busy = false;
     if (advance_sleepers(virtual_deadline, &hit, &busy)) continue;
     if (hit) {
+      if (keep_running) {
+        result = Served::stopped;
+        break;
+      }
       log("limit", 0, {"virtual"});
       stop_machine(Stop::limit_virtual);
       result = done() ? Served::done : Served::stopped;
