@@ -537,6 +537,18 @@ TEST_F(ProbeTest, TheVirtualLimitEndsAnEndlessSleeper) {
   EXPECT_EQ(events_of(r.events, "limit")[0].fields[0], "virtual");
 }
 
+TEST_F(ProbeTest, ServingUntilAConditionStopsAtItsVirtualBoundAndKeepsTheProcesses) {
+  CommandId id = device().start({"sleeploop"});
+  int64_t before = device().virtual_ms();
+  EXPECT_FALSE(device().serve_until([] { return false; }, 20, 30));
+  EXPECT_EQ(device().virtual_ms() - before, 30000);
+  EXPECT_FALSE(device().finished(id));
+  EXPECT_EQ(device().live_pids().size(), 1u);
+  EXPECT_TRUE(device().serve_until([&] { return device().virtual_ms() - before >= 40000; }, 20));
+  device().power_off();
+  EXPECT_TRUE(device().finished(id));
+}
+
 TEST_F(ProbeTest, TheWallLimitEndsAProgramThatNeverCallsTheKernel) {
   RunOptions o;
   o.wall_seconds = 0.3;

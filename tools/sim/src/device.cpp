@@ -1,5 +1,6 @@
 #include "tavisim/device.h"
 
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -54,7 +55,8 @@ Device Device::create(const std::string& ota_binary, const InitOptions& extra) {
 
 Device Device::open(const std::string& dir) {
   auto impl = std::make_unique<Impl>();
-  impl->dir = dir;
+  char real[PATH_MAX];
+  impl->dir = realpath(dir.c_str(), real) ? std::string(real) : dir;
   if (!host_is_dir(dir + "/root")) throw SimError(dir + " is not a device directory: " + dir + "/root is missing");
   if (auto text = read_host_file(dir + "/sim.conf")) impl->config = parse_config(*text, dir + "/sim.conf");
   impl->kernel = std::make_unique<Kernel>(dir);
@@ -179,12 +181,12 @@ CommandId Device::start_argv(const std::vector<std::string>& argv, const RunOpti
   return impl_->kernel->start(argv, options);
 }
 
-bool Device::serve_until(const std::function<bool()>& done, double wall_seconds) {
-  return impl_->kernel->serve_until(done, wall_seconds);
+bool Device::serve_until(const std::function<bool()>& done, double wall_seconds, double virtual_seconds) {
+  return impl_->kernel->serve_until(done, wall_seconds, virtual_seconds);
 }
 
-bool Device::serve_until_held(const std::string& file_name, double wall_seconds) {
-  return serve_until([&] { return held(file_name); }, wall_seconds);
+bool Device::serve_until_held(const std::string& file_name, double wall_seconds, double virtual_seconds) {
+  return serve_until([&] { return held(file_name); }, wall_seconds, virtual_seconds);
 }
 
 bool Device::held(const std::string& file_name) const { return impl_->kernel->held(file_name); }

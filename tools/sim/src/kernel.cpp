@@ -250,11 +250,23 @@ std::string format_kernel_state(const KernelState& s) {
 // ---------------------------------------------------------------------------------------
 // Life of the kernel
 
-Kernel::Kernel(const std::string& dir) : dir_(dir), root_(dir + "/root") {
+namespace {
+
+std::string absolute(const std::string& path) {
+  char buf[PATH_MAX];
+  return realpath(path.c_str(), buf) ? std::string(buf) : path;
+}
+
+}  // namespace
+
+Kernel::Kernel(const std::string& dir) : dir_(absolute(dir)), root_(dir_ + "/root") {
   if (!host_is_dir(root_)) throw SimError(dir + " is not a device directory: " + root_ + " is missing");
   fs_ = std::make_unique<RootFs>(root_);
   if (auto conf = read_host_file(dir + "/sim.conf")) cfg_ = parse_config(*conf, dir + "/sim.conf");
-  if (auto state = read_host_file(dir + "/kernel.state")) st_ = parse_kernel_state(*state, dir + "/kernel.state");
+  if (auto state = read_host_file(dir + "/kernel.state")) {
+    st_ = parse_kernel_state(*state, dir + "/kernel.state");
+    saved_state_ = *state;
+  }
   events_fd_ = ::open((dir + "/events.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (events_fd_ < 0) throw SimError("cannot open " + dir + "/events.log: " + strerror(errno));
   sigset_t set;
@@ -266,6 +278,9 @@ Kernel::Kernel(const std::string& dir) : dir_(dir), root_(dir + "/root") {
   // them instead of the host's init.
   prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
   for (auto& [target, device] : st_.mounts) {
+    // A mount point that is gone cannot stand for the image: the mount is forgotten
+    // rather than the image emptied.
+    if (!host_is_dir(root_ + target)) continue;
     Mount& m = mounts_[target];
     m.device = device;
     m.fat.resume(dir_ + "/disks/" + device + ".img", root_ + target);
@@ -292,9 +307,12 @@ void Kernel::set_config(const Config& c) { cfg_ = c; }
 void Kernel::save_state() {
   st_.mounts.clear();
   for (auto& [target, m] : mounts_) st_.mounts[target] = m.device;
+  std::string text = format_kernel_state(st_);
+  if (text == saved_state_) return;
   std::string tmp = dir_ + "/kernel.state.nw";
-  write_host_file(tmp, format_kernel_state(st_));
+  write_host_file(tmp, text);
   rename(tmp.c_str(), (dir_ + "/kernel.state").c_str());
+  saved_state_ = text;
 }
 
 void Kernel::reset_counters() { st_.counters.clear(); }
@@ -453,10 +471,11 @@ RunResult Kernel::wait(CommandId id, double wall_seconds) {
   return c.result;
 }
 
-bool Kernel::serve_until(const std::function<bool()>& done, double wall_seconds) {
+bool Kernel::serve_until(const std::function<bool()>& done, double wall_seconds, double virtual_seconds) {
   std::optional<Clock::time_point> wall;
   if (wall_seconds > 0) wall = Clock::now() + std::chrono::microseconds(static_cast<int64_t>(wall_seconds * 1e6));
-  Served s = serve(done, wall, INT64_MAX);
+  int64_t vdeadline = virtual_seconds > 0 ? st_.clock_ns + static_cast<int64_t>(virtual_seconds * 1e9) : INT64_MAX;
+  Served s = serve(done, wall, vdeadline, true);
   save_state();
   return s == Served::done;
 }
@@ -525,7 +544,7 @@ Kernel::Tracee* Kernel::tracee(pid_t pid) {
 // Serving
 
 Kernel::Served Kernel::serve(const std::function<bool()>& done, std::optional<Clock::time_point> wall,
-                             int64_t virtual_deadline) {
+                             int64_t virtual_deadline, bool keep_running) {
   sigset_t set, old;
   sigemptyset(&set);
   sigaddset(&set, SIGCHLD);
@@ -545,6 +564,10 @@ Kernel::Served Kernel::serve(const std::function<bool()>& done, std::optional<Cl
     bool hit = false, busy = false;
     if (advance_sleepers(virtual_deadline, &hit, &busy)) continue;
     if (hit) {
+      if (keep_running) {
+        result = Served::stopped;
+        break;
+      }
       log("limit", 0, {"virtual"});
       stop_machine(Stop::limit_virtual);
       result = done() ? Served::done : Served::stopped;

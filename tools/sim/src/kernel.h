@@ -62,7 +62,7 @@ class Kernel {
   CommandId start(const std::vector<std::string>& argv, const RunOptions& options);
   RunResult wait(CommandId id, double wall_seconds);
   bool finished(CommandId id) const;
-  bool serve_until(const std::function<bool()>& done, double wall_seconds);
+  bool serve_until(const std::function<bool()>& done, double wall_seconds, double virtual_seconds);
   bool wait_background(double wall_seconds, double virtual_seconds);
   bool held(const std::string& name) const;
   void release(const std::string& name);
@@ -119,8 +119,10 @@ class Kernel {
   enum class Served { done, idle, wall, stopped };
 
   // Serving.
+  // At the virtual deadline the machine is stopped (a limit), or with keep_running the
+  // serving just ends there.
   Served serve(const std::function<bool()>& done, std::optional<std::chrono::steady_clock::time_point> wall,
-               int64_t virtual_deadline);
+               int64_t virtual_deadline, bool keep_running = false);
   void pump();
   void drain_pipes();
   bool advance_sleepers(int64_t virtual_deadline, bool* hit_limit, bool* busy);
@@ -193,6 +195,7 @@ class Kernel {
   std::string root_;
   Config cfg_;
   KernelState st_;
+  std::string saved_state_;  // the text last written to kernel.state
   std::unique_ptr<RootFs> fs_;
   int events_fd_ = -1;
   int sigfd_ = -1;

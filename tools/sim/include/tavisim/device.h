@@ -111,12 +111,13 @@ class Device {
   RunResult run_argv(const std::vector<std::string>& argv, const RunOptions& options = {});
   CommandId start(const std::vector<std::string>& words, const RunOptions& options = {});
   CommandId start_argv(const std::vector<std::string>& argv, const RunOptions& options = {});
-  // Serves until done() holds (true), or until nothing is left to run or the wall time is
-  // up (false). done() is asked after every kernel event and every few milliseconds.
-  bool serve_until(const std::function<bool()>& done, double wall_seconds = 30);
+  // Serves until done() holds (true), or until nothing is left to run, the wall time is up
+  // or the virtual time is up (false; the processes stay as they are). done() is asked
+  // after every kernel event and every few milliseconds.
+  bool serve_until(const std::function<bool()>& done, double wall_seconds = 30, double virtual_seconds = 86400);
   // Serves until a fetch of that file name is held (the calling process stands still in
   // its call until release).
-  bool serve_until_held(const std::string& file_name, double wall_seconds = 30);
+  bool serve_until_held(const std::string& file_name, double wall_seconds = 30, double virtual_seconds = 86400);
   bool held(const std::string& file_name) const;
   void release(const std::string& file_name);
   RunResult wait(CommandId command, double wall_seconds = 0);  // 0: the command's own limit
