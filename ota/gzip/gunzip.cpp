@@ -6,8 +6,9 @@
 // missing, so the decoder never asks the input for more than the member occupies beyond
 // the current 4096-byte piece.
 //
-// Huffman codes are decoded through lookup tables: a root table indexed by the next
-// kRootBits bits, and for longer codes a subtable indexed by the bits after those. Every
+// Huffman codes are decoded through lookup tables: a root table indexed by the next few
+// bits (10 for literals and lengths, 8 for distances), and for longer codes a subtable
+// indexed by the bits after those. Every
 // entry states the full length of its code, so one lookup tells both the symbol and how
 // many bits it takes; entries for bit sequences that match no code say "bad" with a
 // length of 15, because that many bits must be present before the sequence is known to
@@ -40,8 +41,9 @@ constexpr unsigned kCodeLengthRootBits = 7;  // code-length codes are at most 7 
 
 // Table capacity for the worst case. Canonical codes fill the code space from one end, so
 // every subtable but the last is complete; a complete subtable of s index bits holds at
-// least s + 1 codes, and 2^s / (s + 1) grows with s, so the subtables together take at
-// most (symbols / (smax + 1) + 1) << smax entries, smax being 15 minus the root bits.
+// least s + 1 codes, and 2^s / (s + 1) grows with s, so the complete subtables together
+// take at most (symbols / (smax + 1) + 1) << smax entries, smax being 15 minus the root
+// bits, and the last one at most 1 << smax more.
 constexpr usize table_capacity(unsigned symbols, unsigned root) {
   return (1u << root) + ((symbols / (kMaxCodeBits - root + 1) + 2) << (kMaxCodeBits - root));
 }
@@ -113,6 +115,8 @@ bool add_byte() {
   return true;
 }
 
+// The functions marked cold run once per header, block or stored byte run: they are kept
+// out of line and small, and only inflate_block is built for speed.
 [[gnu::noinline]] [[gnu::cold]] bool need(unsigned n) {
   while (g.bit_count < n)
     if (!add_byte()) return false;
@@ -412,13 +416,12 @@ typedef signed char Bytes16 __attribute__((vector_size(16)));
 // written back. No branch depends on n.
 [[gnu::always_inline]] inline void copy_merged(u8* dst, const u8* src, u32 n) {
   const Bytes16 iota = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-  const Bytes16 count = {} ;
   Bytes16 a0, a1, b0, b1;
   __builtin_memcpy(&a0, src, 16);
   __builtin_memcpy(&a1, src + 16, 16);
   __builtin_memcpy(&b0, dst, 16);
   __builtin_memcpy(&b1, dst + 16, 16);
-  Bytes16 nv = count + static_cast<signed char>(n);
+  Bytes16 nv = Bytes16{} + static_cast<signed char>(n);
   Bytes16 m0 = iota < nv;
   Bytes16 m1 = (iota + 16) < nv;
   a0 = (a0 & m0) | (b0 & ~m0);

@@ -341,3 +341,44 @@ TEST(GzipDecode, FirstMemberOnly) {
   expect_decodes(zlib_compress(a, 6) + "garbage that is not gzip at all", a, "member and garbage");
   expect_decodes(zlib_compress(a, 6) + std::string(100000, '\xff'), a, "member and much garbage");
 }
+
+TEST(GzipDecode, DeepCodesOfEveryLength) {
+  // A literal/length code with one code of each length 1 to 14 and two of 15 (complete),
+  // and a distance code shaped the same: every code longer than the root table goes
+  // through a subtable, up to 15 bits.
+  std::vector<int> lit(258, 0);
+  const int lit_syms[16] = {'e', 't', 'a', 256, 'o', 257, 'n', 's', 'h', 'r', 'd', 'l', 'u', 0, 255, 'z'};
+  for (int i = 0; i < 16; i++) lit[lit_syms[i]] = i < 15 ? i + 1 : 15;
+  std::vector<int> dist(16, 0);
+  for (int i = 0; i < 16; i++) dist[i] = i < 15 ? i + 1 : 15;
+  Code lcode(lit), dcode(dist);
+  BitWriter w;
+  put_dynamic_lengths(w, true, lit, dist);
+  std::string want;
+  std::mt19937_64 rng(111);
+  for (int i = 0; i < 40000; i++) {
+    int pick = lit_syms[rng() % 16];
+    if (pick == 256) continue;
+    if (pick == 257) {
+      if (want.size() < 300) continue;
+      lcode.put(w, 257);  // length 3
+      int ds = static_cast<int>(rng() % 16);
+      dcode.put(w, ds);
+      static const int kBase[16] = {1, 2, 3, 4, 5, 7, 9, 13, 17, 25, 33, 49, 65, 97, 129, 193};
+      int extra = ds < 4 ? 0 : ds / 2 - 1;
+      int value = static_cast<int>(rng() % (1u << extra));
+      w.put(value, extra);
+      int d = kBase[ds] + value;
+      for (int k = 0; k < 3; k++) want.push_back(want[want.size() - d]);
+      continue;
+    }
+    lcode.put(w, pick);
+    want.push_back(static_cast<char>(pick));
+  }
+  lcode.put(w, 256);
+  std::string gz = gzip_member(w.bytes(), want);
+  ZlibResult z = zlib_gunzip(gz);
+  ASSERT_TRUE(z.ok);
+  ASSERT_TRUE(z.out == want);
+  expect_decodes(gz, want, "deep codes");
+}
