@@ -1,5 +1,7 @@
 // `ota apply`: download with resume, length and hash checks, space checks, installation
 // through /bin/tpk, the installed version and the state record.
+#include <sys/stat.h>
+
 #include "update_source.h"
 
 using namespace e2e;
@@ -248,4 +250,49 @@ TEST_F(ApplyTest, AFailingSignatureFetchNamesTheFile) {
   RunResult r = device().run({"apply"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "ota: cannot fetch: core.tpk.sig\n");
+}
+
+TEST_F(ApplyTest, TheSecondSpaceCheckCountsTheDownloadedFilesAtItsExactBoundary) {
+  // The free space is what a disk of fixed capacity has left beside the device's files,
+  // so the downloads themselves use it up between the two checks.
+  offer({{"core", 600000}});
+  uint64_t sum = 600000, max = 600000;
+  uint64_t needed = max + sum + 524288 + sum / 8;
+  // The simulated disk counts the blocks a file takes on the host's file system: what the
+  // package and its signature take is measured on files of the same sizes beside it.
+  auto allocated = [&](size_t size) {
+    std::string probe_file = scratch("alloc") + "/f" + std::to_string(size);
+    write_all(probe_file, std::string(size, 'a'));
+    struct stat st;
+    stat(probe_file.c_str(), &st);
+    return static_cast<uint64_t>(st.st_blocks) * 512;
+  };
+  uint64_t growth = allocated(600000) + allocated(64);
+  device().config().capacity_bytes = 1000000000000ull;
+  device().config().block_size = 1;
+  device().save_config();
+  // A first run that stops after the first check tells how much the device's files use.
+  device().add_fetch_fault("core.tpk", FetchFaultKind::fail, 0, 3);
+  RunResult probe = device().run({"apply"});
+  size_t at = probe.out.find("ota: space ");
+  ASSERT_NE(at, std::string::npos) << probe.out;
+  uint64_t used = 1000000000000ull - std::stoull(probe.out.substr(at + 11));
+
+  // The second check asks for max + 524288 + sum / 8 once the files (the package and its
+  // signature) are on disk, that is for needed - sum + what the files took.
+  device().config().capacity_bytes = used + needed - sum + growth - 1;
+  device().save_config();
+  RunResult r = device().run({"apply"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("ota: hash ok core.tpk\n"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("short by"), std::string::npos);
+  EXPECT_EQ(r.err, "ota: NOT ENOUGH SPACE -- aborted, \n     nothing was written. \n");
+  EXPECT_TRUE(spawns_of(r.events, "/bin/tpk").size() == 1u);  // the catalog only, no update
+
+  device().remove("/tmp/ota/core.tpk");
+  device().remove("/tmp/ota/core.tpk.sig");
+  device().config().capacity_bytes = used + needed - sum + growth;
+  device().save_config();
+  r = device().run({"apply"});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
