@@ -428,7 +428,7 @@ CommandId Kernel::start(const std::vector<std::string>& argv, const RunOptions& 
     return id;
   }
   long opts = PTRACE_O_TRACESECCOMP | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE |
-              PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD;
+              PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEEXIT;
   ptrace(PTRACE_SETOPTIONS, pid, nullptr, reinterpret_cast<void*>(opts));
   Tracee& t = tracees_[pid];
   t.pid = pid;
@@ -674,6 +674,22 @@ bool Kernel::advance_sleepers(int64_t virtual_deadline, bool* hit, bool* busy) {
   return true;
 }
 
+namespace {
+
+int64_t proc_peak_rss_kib(pid_t pid) {
+  FILE* f = fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+  if (f == nullptr) return 0;
+  char line[256];
+  int64_t kib = 0;
+  while (fgets(line, sizeof line, f) != nullptr) {
+    if (strncmp(line, "VmHWM:", 6) == 0) kib = strtoll(line + 6, nullptr, 10);
+  }
+  fclose(f);
+  return kib;
+}
+
+}  // namespace
+
 void Kernel::handle_status(pid_t pid, int status) {
   Tracee* t = tracee(pid);
   if (WIFEXITED(status) || WIFSIGNALED(status)) {
@@ -702,6 +718,12 @@ void Kernel::handle_status(pid_t pid, int status) {
       case PTRACE_EVENT_VFORK:
       case PTRACE_EVENT_CLONE: on_fork(*t); return;
       case PTRACE_EVENT_EXEC: on_exec(*t); return;
+      case PTRACE_EVENT_EXIT:
+        // The kernel's accounting of the program's own memory (since its exec), read while
+        // the process still exists: its peak resident set.
+        t->peak_rss_kib = proc_peak_rss_kib(pid);
+        resume(*t);
+        return;
       default: resume(*t); return;
     }
   }
@@ -724,7 +746,9 @@ void Kernel::handle_status(pid_t pid, int status) {
 void Kernel::on_exit(Tracee& t, int status) {
   pid_t pid = t.pid;
   bool exited = WIFEXITED(status);
-  log("exit", pid, {exited ? "status=" + num(WEXITSTATUS(status)) : "signal=" + num(WTERMSIG(status))});
+  int64_t max_rss_kib = t.peak_rss_kib;
+  log("exit", pid,
+      {exited ? "status=" + num(WEXITSTATUS(status)) : "signal=" + num(WTERMSIG(status)), "maxrss=" + num(max_rss_kib)});
   if (t.slot >= 0 && slot_owner_[t.slot] == pid) slot_owner_[t.slot] = 0;
   int cmd = t.command;
   if (t.main) {
@@ -734,6 +758,7 @@ void Kernel::on_exit(Tracee& t, int status) {
                            ? "cannot execute /bin/ota in the device root"
                            : "the device program could not be prepared (chroot, ptrace or seccomp refused)";
     } else if (exited) {
+      c.result.max_rss_kib = max_rss_kib;
       c.result.exited = true;
       c.result.status = WEXITSTATUS(status);
     } else {

@@ -95,6 +95,7 @@ class Kernel {
     int slot = -1;
     std::vector<std::string> hold_words;
     std::string hold_name;
+    int64_t peak_rss_kib = 0;  // VmHWM when the process was about to exit
   };
   struct Command {
     int id = 0;

@@ -46,6 +46,7 @@ struct RunResult {
   Limit limit = Limit::none;  // a limit ran out
   std::string error;          // the simulator could not run it at all
   int64_t pid = 0;
+  int64_t max_rss_kib = 0;    // peak resident memory of the program, as the kernel accounted it
 };
 
 using CommandId = int;
