@@ -3,7 +3,8 @@
 // http://updates.tavi.test/aktuell, so its system source is http://updates.tavi.test/system
 // with the channel "stable": the manifest and every file it names are served from
 // <scratch>/system/stable. The device starts with build 20250110 installed, its running
-// kernel (commit 1111111...) in slot A of an ESP on /dev/sda1, and a one-entry boot menu.
+// kernel (commit 1111111...) in slot A of an ESP on /dev/sda1, a one-entry boot menu and
+// package generation 3.
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
@@ -64,6 +65,7 @@ class SystemTest : public SourceTest {
     system_ = scratch("system");
     device().add_repo(kSystemUrl, system_);
     device().write_file("/system/SYSVERSION", eight_digits(kOldBuild) + "\n");
+    device().write_file("/system/AKTUELL", "00000003\n");
     running_kernel(kOldCommit);
     old_kernel_ = tavisim::stand_in_kernel(kOldBuild, kOldCommit);
     device().make_esp("sda1", {{"limine.conf", kPlainMenu}, {"tavi.mb", old_kernel_}});
