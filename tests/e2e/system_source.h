@@ -54,6 +54,12 @@ inline std::string eight_digits(unsigned long long v) {
   return buf;
 }
 
+// An overlay file line of a hand-written manifest: the file `data`, downloaded as `name`.
+inline std::string file_line(const std::string& data, const std::string& name, const std::string& target) {
+  return "sysfile\tfile\t" + sha256_hex(data) + "\t" + std::to_string(data.size()) + "\t" + name + "\t" + target +
+         "\n";
+}
+
 // Files of a tree (or an ESP image) with their mode and bytes, for before/after comparisons.
 using Snapshot = std::map<std::string, std::string>;
 
@@ -131,10 +137,6 @@ class SystemTest : public SourceTest {
   std::string manifest_head(const std::string& image, unsigned long long build = kNewBuild,
                             const std::string& commit = kNewCommit) {
     return "OTA2\n" + system_line(build, commit) + kernel_line(image);
-  }
-  static std::string file_line(const std::string& data, const std::string& name, const std::string& target) {
-    return "sysfile\tfile\t" + sha256_hex(data) + "\t" + std::to_string(data.size()) + "\t" + name + "\t" + target +
-           "\n";
   }
 
   // Every regular file and link of the device root with its mode and bytes, the download
