@@ -244,7 +244,7 @@ TEST_F(SystemManifestTest, AMissingSysversionReadsAsBuildZero) {
 TEST_F(SystemManifestTest, AFailedManifestFetchLeavesTheStatusAlone) {
   device().write_file("/system/sys.stand", "phase=old\n");
   publish_system();
-  device().add_fetch_fault("VERZEICHNIS.sig", tavisim::FetchFaultKind::fail, 9);
+  device().add_fetch_fault("VERZEICHNIS.sig", tavisim::FetchFaultKind::fail, 0, 9);
   RunResult r = device().run({"system", "search"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "ota: cannot fetch: VERZEICHNIS.sig\n");
