@@ -242,6 +242,26 @@ TEST_F(SystemApplyTest, RunningShellProgramsReplacedByTheOverlayAreEnded) {
   EXPECT_EQ(ended[1].fields[0], "5000004");
 }
 
+TEST_F(SystemApplyTest, ARunningLauncherReplacedByTheOverlayIsEndedToo) {
+  device().add_task("launcher", 7, 0);
+  device().add_task("taskbar", 3, 0);
+  publish_with_overlay({"--file", "launcher=" + host_file("launcher", "new launcher\n")});
+  running_kernel(kNewCommit);
+  RunResult r = device().run({"system", "apply"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, check_lines() +
+                       "system: overlay files verified: 3\n"
+                       "system: shell program restarted: taskbar\n"
+                       "system: shell program restarted: launcher\n"
+                       "system: overlay committed\n"
+                       "system: applied, no restart needed (same kernel)\n");
+  auto ended = events_of(r.events, "end_task");
+  ASSERT_EQ(ended.size(), 2u);
+  EXPECT_EQ(ended[0].fields[1], "taskbar");
+  EXPECT_EQ(ended[1].fields[0], "5000007");
+  EXPECT_EQ(ended[1].fields[1], "launcher");
+}
+
 TEST_F(SystemApplyTest, AStagedKernelLeavesTheShellProgramsToTheRestart) {
   device().add_task("taskbar", 3, 0);
   publish_with_overlay();
