@@ -80,6 +80,8 @@ int apply_without_kernel() {
     say_overlay_verified();
     if (!install_overlay()) {
       restore_overlay();
+      // A journal that could not be written restores nothing; the staged copies go here.
+      clean_staging();
       return give_up("ota: overlay install failed, previous files restored");
     }
     restart_shell_programs();
@@ -137,6 +139,7 @@ int system_apply(bool restart) {
   }
   if (overlay && !install_overlay()) {
     restore_overlay();
+    clean_staging();
     remove_file(kSystemPendingPath);
     remove_file(kTrialRecordPath);
     remove_file(slot_b_path);
