@@ -208,7 +208,7 @@ TEST_F(BootTest, ARecordConfirmedWhileItWaitsEndsTheWaitWithoutARestart) {
   EXPECT_EQ(r.err, "");
   EXPECT_TRUE(spawn_events(r.events, "/bin/tpk").empty());
   EXPECT_TRUE(tavisim::events_of(r.events, "reboot").empty());
-  EXPECT_EQ(seconds_after_start(r.events, tavisim::events_of(r.events, "exit")), std::vector<double>{21});
+  EXPECT_EQ(seconds_after_start(r.events, exits_of(r.events, r.pid)), std::vector<double>{21});
   EXPECT_FALSE(device().exists("/system/ota.stand"));
 }
 
@@ -222,7 +222,7 @@ TEST_F(BootTest, ARecordDeletedWhileItWaitsEndsTheWaitWithoutARestart) {
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, kServiceOff);
   EXPECT_TRUE(tavisim::events_of(r.events, "reboot").empty());
-  EXPECT_EQ(seconds_after_start(r.events, tavisim::events_of(r.events, "exit")), std::vector<double>{36});
+  EXPECT_EQ(seconds_after_start(r.events, exits_of(r.events, r.pid)), std::vector<double>{36});
 }
 
 TEST_F(BootTest, ARecordThatStopsBeing36BytesWhileItWaitsEndsTheWait) {
@@ -233,7 +233,7 @@ TEST_F(BootTest, ARecordThatStopsBeing36BytesWhileItWaitsEndsTheWait) {
   RunResult r = device().wait(id);
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, kServiceOff);
-  EXPECT_EQ(seconds_after_start(r.events, tavisim::events_of(r.events, "exit")), std::vector<double>{11});
+  EXPECT_EQ(seconds_after_start(r.events, exits_of(r.events, r.pid)), std::vector<double>{11});
 }
 
 TEST_F(BootTest, OutsideATrialItIsTheServiceLoopAtOnce) {
@@ -245,7 +245,7 @@ TEST_F(BootTest, OutsideATrialItIsTheServiceLoopAtOnce) {
   EXPECT_EQ(r.out, kServiceOff);
   EXPECT_EQ(r.err, "");
   EXPECT_TRUE(spawn_events(r.events, "/bin/tpk").empty());
-  EXPECT_EQ(seconds_after_start(r.events, tavisim::events_of(r.events, "exit")), std::vector<double>{0});
+  EXPECT_EQ(seconds_after_start(r.events, exits_of(r.events, r.pid)), std::vector<double>{0});
 }
 
 TEST_F(BootTest, AConfirmedRecordIsNoTrial) {
@@ -254,7 +254,7 @@ TEST_F(BootTest, AConfirmedRecordIsNoTrial) {
   RunResult r = boot();
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, kServiceOff);
-  EXPECT_EQ(seconds_after_start(r.events, tavisim::events_of(r.events, "exit")), std::vector<double>{0});
+  EXPECT_EQ(seconds_after_start(r.events, exits_of(r.events, r.pid)), std::vector<double>{0});
 }
 
 // Outside a trial the service runs with its start delay and searches: seen here as the

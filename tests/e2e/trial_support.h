@@ -74,6 +74,14 @@ inline std::vector<double> seconds_after_start(const std::vector<tavisim::Event>
   return out;
 }
 
+// The exit events of one process.
+inline std::vector<tavisim::Event> exits_of(const std::vector<tavisim::Event>& events, int64_t pid) {
+  std::vector<tavisim::Event> out;
+  for (const auto& e : tavisim::events_of(events, "exit"))
+    if (e.pid == pid) out.push_back(e);
+  return out;
+}
+
 // The state letter of a host process ('t' while it stands in a ptrace stop).
 inline char process_state(int64_t pid) {
   std::string stat = read_all("/proc/" + std::to_string(pid) + "/stat");
