@@ -139,6 +139,15 @@ TEST_F(BootTest, NoDesktopRestartsAtExactlyTheGracePeriod) {
   expect_restart(boot(), 90);
 }
 
+TEST_F(BootTest, TheRestartFollowsASyncAndNothingElse) {
+  settings("gesund=60\nfrist=65\n");
+  log_every_sync(device());
+  RunResult r = boot();
+  expect_restart(r, 65);
+  // A failing sync does not stop the restart; the restart ends the process.
+  EXPECT_EQ(kinds_of(r.events, {"task"}), (Words{"start", "fault:162", "reboot", "exit"}));
+}
+
 TEST_F(BootTest, DefaultsAreGesund60AndFrist120) {
   device().remove("/etc/ota.conf");
   device().add_task("desktop", 3, 45);

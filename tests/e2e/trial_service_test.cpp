@@ -312,9 +312,12 @@ TEST_F(ServiceTest, TheStartDelayComesFromStart) {
 
 TEST_F(ServiceTest, ACountThatIsNoNumberRunsWithoutEndAfterTheDelay) {
   conf("abstand=100\nsysabstand=0\nstart=20\n");
-  RunResult r = run({"service", "abc"}, 150);
-  EXPECT_EQ(r.limit, tavisim::Limit::virtual_time);
-  EXPECT_EQ(catalog_fetch_times(r), (std::vector<double>{20, 50, 110}));
+  for (const char* count : {"abc", "0", "-1"}) {
+    SCOPED_TRACE(count);
+    RunResult r = run({"service", count}, 150);
+    EXPECT_EQ(r.limit, tavisim::Limit::virtual_time);
+    EXPECT_EQ(catalog_fetch_times(r), (std::vector<double>{20, 50, 110}));
+  }
 }
 
 // ---------------------------------------------------------------------------------------
@@ -609,6 +612,15 @@ TEST_F(ServiceTest, AFoundVersionDuringAnOpenTrialIsSearchedButNotApplied) {
             "dort=2\nhier=0\nzeit=2026-02-03 09:06\nphase=verfuegbar\n");
   EXPECT_FALSE(device().exists("/system/FASSUNG"));
   expect_ended_at(r, 100);
+}
+
+TEST_F(ServiceTest, APendingRestartStaysInTheStateRecordThroughLaterPasses) {
+  publish_version_2();
+  conf("abstand=100\n");
+  RunResult r = run({"service", "2"});
+  EXPECT_EQ(r.out, interval_line(100) + kSourceLine + kFoundOutput + kSourceLine + kApplyOutput + up_to_date(2));
+  EXPECT_EQ(device().read_file("/system/ota.stand").value_or(""),
+            "dort=2\nhier=2\nzeit=2026-02-03 09:06\nphase=bereit\n");
 }
 
 TEST_F(ServiceTest, AConfirmedTrialNoLongerHoldsTheApplyBack) {

@@ -74,6 +74,28 @@ inline std::vector<double> seconds_after_start(const std::vector<tavisim::Event>
   return out;
 }
 
+// The kinds of the events, in order, leaving out the kinds named.
+inline std::vector<std::string> kinds_of(const std::vector<tavisim::Event>& events,
+                                         const std::vector<std::string>& leave_out = {}) {
+  std::vector<std::string> out;
+  for (const auto& e : events) {
+    bool skip = false;
+    for (const auto& k : leave_out) skip = skip || e.kind == k;
+    if (!skip) out.push_back(e.kind == "fault" ? e.kind + ":" + e.value("call") : e.kind);
+  }
+  return out;
+}
+
+// Makes every sync fail, so that each one shows in the event log as a fault.
+inline void log_every_sync(tavisim::Device& device) {
+  tavisim::CallFault f;
+  f.number = 162;
+  f.error = -5;
+  f.nth = 1;
+  f.every = true;
+  device.add_call_fault(f);
+}
+
 // The exit events of one process.
 inline std::vector<tavisim::Event> exits_of(const std::vector<tavisim::Event>& events, int64_t pid) {
   std::vector<tavisim::Event> out;

@@ -61,6 +61,13 @@ TEST_F(WatchdogTest, NotConfirmedRestartsAfterExactlyTheGracePeriod) {
   EXPECT_FALSE(device().exists("/system/ota.stand"));
 }
 
+TEST_F(WatchdogTest, TheRestartFollowsASyncAndNothingElse) {
+  log_every_sync(device());
+  RunResult r = watchdog({"watchdog", "5"});
+  expect_restart(r, 5);
+  EXPECT_EQ(kinds_of(r.events), (Words{"start", "fault:162", "reboot", "exit"}));
+}
+
 TEST_F(WatchdogTest, TheDefaultGraceIs120) { expect_restart(watchdog(), 120); }
 
 TEST_F(WatchdogTest, TheArgumentReplacesFrist) {
