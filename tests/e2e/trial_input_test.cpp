@@ -151,6 +151,17 @@ TEST_F(BadInputTest, AHugeFristKeepsTheWatchdogWaiting) {
   EXPECT_EQ(r.out, "");
 }
 
+TEST_F(BadInputTest, ANumberSettingIsReadFromItsFirst31Bytes) {
+  // 31 zeros and a 7: the 7 is cut off and frist reads as 0.
+  device().write_file("/etc/ota.conf", "frist=" + std::string(31, '0') + "7\n");
+  device().write_file(kRecordPath, trial_record(5, 4));
+  RunResult r = device().run({"watchdog"}, bounded(500));
+  EXPECT_EQ(seconds_after_start(r.events, tavisim::events_of(r.events, "reboot")), std::vector<double>{0});
+  device().write_file("/etc/ota.conf", "frist=" + std::string(30, '0') + "7\n");
+  r = device().run({"watchdog"}, bounded(500));
+  EXPECT_EQ(seconds_after_start(r.events, tavisim::events_of(r.events, "reboot")), std::vector<double>{7});
+}
+
 class BadServiceSettings : public SourceTest {
  protected:
   void conf(const std::string& extra) {
@@ -217,6 +228,15 @@ TEST_F(BadServiceSettings, AHugePassCountRunsOnWithPauses) {
   ASSERT_FALSE(times.empty());
   EXPECT_EQ(times[0], 0);
   EXPECT_EQ(times.size(), 12u);  // 0, 30, 90, then every 100 seconds up to 990
+}
+
+TEST_F(BadServiceSettings, AnIntervalIsReadFromItsFirst31Bytes) {
+  conf("abstand=" + std::string(31, '0') + "5\n");
+  RunResult r = device().run({"service", "1"}, bounded(100));
+  EXPECT_EQ(r.out, kServiceOff);
+  conf("abstand=" + std::string(30, '0') + "5\n");
+  r = device().run({"service", "1"}, bounded(100));
+  EXPECT_EQ(r.out, std::string("ota: service, interval 5\n") + "ota: source " + kSourceUrl + "\n");
 }
 
 TEST_F(BadServiceSettings, ASettingsFileLongerThanItsBufferIsCut) {
