@@ -148,6 +148,7 @@ mkdir -p "$src/system"
 "$bin/ota-publish" system --key "$work/key.key" --out "$src/system/stable" --build 20260301 --commit a1b2c3d4e5 \
   --kernel "$work/kernel.mb" --gzip-kernel --file "prog=$work/prog:gz" >/dev/null
 "$bin/tavi-sim" add "$dev" repo http://bench.example/system "$src/system"
+sh -c "$reset_device"
 "$bin/tavi-sim" run "$dev" -- system apply >/dev/null
 system_rss=$(awk -F'\t' '$2 == "start" && $5 == "system" {p = $3} $2 == "exit" && $3 == p {split($5, a, "="); m = a[2]} END {print m}' "$dev/events.log")
 
