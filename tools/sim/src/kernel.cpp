@@ -697,7 +697,12 @@ void Kernel::handle_status(pid_t pid, int status) {
     return;
   }
   if (!WIFSTOPPED(status)) return;
-  if (stopping_ != Stop::none) return;  // SIGKILL is on its way
+  if (stopping_ != Stop::none) {
+    // SIGKILL is on its way; a process that still stopped (at its exit event) is let go
+    // so that it can die.
+    ptrace(PTRACE_CONT, pid, nullptr, nullptr);
+    return;
+  }
   if (!t) {
     // A new child whose first stop came before its parent's fork event.
     Tracee& n = tracees_[pid];
