@@ -697,7 +697,12 @@ void Kernel::handle_status(pid_t pid, int status) {
     return;
   }
   if (!WIFSTOPPED(status)) return;
-  if (stopping_ != Stop::none) return;  // SIGKILL is on its way
+  if (stopping_ != Stop::none) {
+    // SIGKILL is on its way. A process it reached stops once more at its exit event and
+    // must be let go from there, or it never ends.
+    ptrace(PTRACE_CONT, pid, nullptr, nullptr);
+    return;
+  }
   if (!t) {
     // A new child whose first stop came before its parent's fork event.
     Tracee& n = tracees_[pid];
@@ -901,8 +906,13 @@ void Kernel::reap_one(pid_t pid) {
       on_exit(*t, SIGKILL);
       break;
     }
-    if (WIFEXITED(status) || WIFSIGNALED(status)) on_exit(*t, status);
-    // A stop reported on the way is left alone: SIGKILL ends the process anyway.
+    if (WIFEXITED(status) || WIFSIGNALED(status)) {
+      on_exit(*t, status);
+    } else if (WIFSTOPPED(status)) {
+      // A stop reported on the way (the exit event among them) is let go: SIGKILL then
+      // ends the process.
+      ptrace(PTRACE_CONT, pid, nullptr, nullptr);
+    }
   }
 }
 
