@@ -342,6 +342,7 @@ CommandId Kernel::start(const std::vector<std::string>& argv, const RunOptions& 
   c.id = next_command_++;
   c.first_event = events_.size();
   c.cut = options.cut ? options.cut : cfg_.cut;
+  c.trace_calls = options.trace_calls;
   c.argv = argv;
   if (options.wall_seconds > 0) {
     c.has_wall = true;
@@ -361,7 +362,7 @@ CommandId Kernel::start(const std::vector<std::string>& argv, const RunOptions& 
 
   std::set<int64_t> traced(std::begin(kTraced), std::end(kTraced));
   for (auto& f : cfg_.call_faults) traced.insert(f.number);
-  std::vector<sock_filter> filter = build_filter(traced, c.cut.has_value());
+  std::vector<sock_filter> filter = build_filter(traced, c.cut.has_value() || c.trace_calls);
   sock_fprog prog{static_cast<unsigned short>(filter.size()), filter.data()};
 
   int out[2] = {-1, -1}, err[2] = {-1, -1};
@@ -984,6 +985,7 @@ void Kernel::on_syscall(Tracee& t) {
   }
   t.calls++;
   auto cit = commands_.find(t.command);
+  if (cit != commands_.end() && cit->second.trace_calls && t.main) cit->second.result.calls.push_back(nr);
   if (cit != commands_.end() && cit->second.cut) {
     const Cut& cut = *cit->second.cut;
     if ((t.main || cut.any_process) && t.calls == cut.at_call) {
