@@ -12,11 +12,11 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <functional>
 #include <set>
-#include <algorithm>
 
 #include "life_support.h"
 
@@ -63,7 +63,7 @@ bool full_run() {
 // One cut point's outcome.
 struct Outcome {
   uint64_t k = 0;
-  std::string call;     // the number of the call that was not made
+  std::string call;     // the system call number of call k, the one that was not made
   std::string verdict;  // "old", "new", or why the device did not survive
   bool survived = false;
   std::string note;     // how it got there (a second apply, a manual confirmation)
@@ -428,6 +428,8 @@ class PowerLoss : public LifeTest {
   SystemBuild third_;
 };
 
+void PrintTo(Step s, std::ostream* os) { *os << step_name(s); }
+
 class PowerLossMatrix : public PowerLoss, public ::testing::WithParamInterface<std::tuple<Step, Durability>> {};
 
 // Each cut point must leave a device that boots into the old or the new state, at once or
@@ -574,3 +576,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 }  // namespace
 }  // namespace life
+
+namespace tavisim {
+void PrintTo(Durability d, std::ostream* os) { *os << (d == Durability::all ? "all" : "synced"); }
+}  // namespace tavisim
