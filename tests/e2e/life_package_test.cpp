@@ -104,6 +104,9 @@ TEST_F(LifePackage, AStartThatNeverComesUpRestartsAtTheGracePeriodAndIsRolledBac
   EXPECT_EQ(file("/system/tpk/installed"), "core\t1\neditor\t1\n");
   EXPECT_EQ(file("/system/AKTUELL"), "00000004\n");
   EXPECT_FALSE(device().exists("/system/ERPROBUNG"));
+  // The rollback writes no state of its own: the installed version stays at 2, so the
+  // version that was rolled back is not offered again.
+  EXPECT_EQ(file("/system/FASSUNG"), "00000002\n");
   show = device().run({"show"});
   EXPECT_NE(show.out.find("ota: generation 4\nota: nothing in trial\n"), std::string::npos) << show.out;
   // Nothing is left to roll back.
