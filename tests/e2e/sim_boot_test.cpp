@@ -66,6 +66,28 @@ TEST(SimBootMenu, TheKernelsFallbackForcesEntryOne) {
   EXPECT_EQ(c.kernel_path, "/tavi.mb");
 }
 
+TEST(SimBootMenu, TheFirstDefaultLineCounts) {
+  EXPECT_EQ(choose_boot_entry("default_entry: 2\n" + kEntryA + kEntryB + "default_entry: 1\n").entry, 2);
+  EXPECT_EQ(choose_boot_entry("default_entry: 1\n" + kEntryA + kEntryB + "default_entry: 2\n").entry, 1);
+}
+
+TEST(SimBootMenu, TheKernelsLastingFallbackChangesOnlyTheDefaultValue) {
+  EXPECT_EQ(menu_with_default_one("timeout: 5\ndefault_entry: 2\n\n" + kEntryA + kEntryB),
+            "timeout: 5\ndefault_entry: 1\n\n" + kEntryA + kEntryB);
+  EXPECT_EQ(menu_with_default_one("timeout: 5\r\ndefault_entry:2\r\n/tavi\r\n"),
+            "timeout: 5\r\ndefault_entry: 1\r\n/tavi\r\n");
+  // At the end of the file, without a final newline.
+  EXPECT_EQ(menu_with_default_one(kEntryA + kEntryB + "default_entry: 2"), kEntryA + kEntryB + "default_entry: 1");
+  // Only the line that counts changes.
+  EXPECT_EQ(menu_with_default_one("default_entry: 2\n" + kEntryA + "default_entry: 2\n"),
+            "default_entry: 1\n" + kEntryA + "default_entry: 2\n");
+  // Nothing to change: no default line, or global options the boot loader drops.
+  EXPECT_EQ(menu_with_default_one(kEntryA + kEntryB), kEntryA + kEntryB);
+  std::string hidden = "//x\n    path: boot():/x.mb\ndefault_entry: 2\n" + kEntryA + kEntryB;
+  EXPECT_EQ(menu_with_default_one(hidden), hidden);
+  EXPECT_EQ(choose_boot_entry(menu_with_default_one("default_entry: 2\n" + kEntryA + kEntryB)).entry, 1);
+}
+
 TEST(SimKernelImage, StandInsFollowThePublishersLayout) {
   std::string img = stand_in_kernel(20250110, "3f9c2a1be07", true, 4096);
   ASSERT_EQ(img.size(), 4096u);
@@ -168,26 +190,82 @@ TEST_F(BootProbe, TheBootDiskIsTheFirstWithAMenu) {
 }
 
 TEST_F(BootProbe, TheKernelCountsTrialStartsAndFallsBackToEntryOne) {
-  menu("default_entry: 2\n" + kEntryA + kEntryB);
+  const std::string conf = "timeout: 5\ndefault_entry: 2\n\n" + kEntryA + "\n" + kEntryB;
+  menu(conf);
   device().config().boot_tries = 2;
   device().config().start_entry.clear();
   device().write_file("/system/ERPROBUNG", "gen=00000003 vor=00000003 v=00 ok=0\n");
   std::vector<int> entries;
+  std::vector<bool> fallbacks;
   for (int i = 0; i < 4; i++) {
     BootResult b = device().boot();
     ASSERT_TRUE(b.booted);
     entries.push_back(b.entry);
+    fallbacks.push_back(b.fallback);
     EXPECT_EQ(b.trial_starts, i + 1);
-    EXPECT_EQ(b.fallback, i >= 2);
+    EXPECT_EQ(b.menu_reset, b.fallback);
   }
+  // The third start falls back and sets the default to entry 1 for good, so the fourth
+  // boots entry 1 by the menu alone.
   EXPECT_EQ(entries, (std::vector<int>{2, 2, 1, 1}));
+  EXPECT_EQ(fallbacks, (std::vector<bool>{false, false, true, false}));
   EXPECT_EQ(device().read_file("/system/ERPROBUNG"), "gen=00000003 vor=00000003 v=04 ok=0\n");
-  // A confirmed trial is not counted.
+  std::string reset = conf;
+  reset.replace(reset.find("default_entry: 2"), 16, "default_entry: 1");
+  EXPECT_EQ(device().esp_read("sda1", "limine.conf"), reset);
+  auto boots = events_of(device().events(), "boot");
+  ASSERT_EQ(boots.size(), 4u);
+  EXPECT_TRUE(boots[2].has("fallback"));
+  EXPECT_TRUE(boots[2].has("menu-default=1"));
+  EXPECT_FALSE(boots[3].has("fallback"));
+  // A confirmed trial is not counted, and the menu keeps entry 1.
   device().write_file("/system/ERPROBUNG", "gen=00000003 vor=00000003 v=04 ok=1\n");
   BootResult b = device().boot();
-  EXPECT_EQ(b.entry, 2);
+  EXPECT_EQ(b.entry, 1);
   EXPECT_EQ(b.trial_starts, -1);
   EXPECT_EQ(device().read_file("/system/ERPROBUNG"), "gen=00000003 vor=00000003 v=04 ok=1\n");
+}
+
+TEST_F(BootProbe, AConfirmedTrialIsNotCountedAndTheDefaultEntryBoots) {
+  menu("default_entry: 2\n" + kEntryA + kEntryB);
+  device().config().boot_tries = 0;
+  device().config().start_entry.clear();
+  device().write_file("/system/ERPROBUNG", "gen=00000003 vor=00000003 v=07 ok=1\n");
+  BootResult b = device().boot();
+  EXPECT_EQ(b.entry, 2);
+  EXPECT_FALSE(b.fallback);
+  EXPECT_EQ(b.trial_starts, -1);
+}
+
+TEST_F(BootProbe, AMachineAtTheBootLoaderCountsNothingAndNeverFallsBack) {
+  // No kernel ran, so nothing counted the start: the machine stays where it is however
+  // often it is switched on.
+  device().make_esp("sda1", {{"limine.conf", "default_entry: 2\n" + kEntryA + kEntryB},
+                             {"tavi.mb", stand_in_kernel(1, "aaaaaaa")}});
+  device().config().boot_tries = 1;
+  device().config().start_entry.clear();
+  device().write_file("/system/ERPROBUNG", "gen=00000003 vor=00000003 v=00 ok=0\n");
+  for (int i = 0; i < 3; i++) {
+    BootResult b = device().boot();
+    EXPECT_FALSE(b.booted);
+    EXPECT_EQ(b.stuck, "Failed to open kernel with path boot():/tavi-b.mb");
+    EXPECT_FALSE(b.fallback);
+  }
+  EXPECT_EQ(device().read_file("/system/ERPROBUNG"), "gen=00000003 vor=00000003 v=00 ok=0\n");
+  EXPECT_EQ(device().esp_read("sda1", "limine.conf"), "default_entry: 2\n" + kEntryA + kEntryB);
+}
+
+TEST_F(BootProbe, AFallbackToAMissingKernelStandsAtTheBootLoader) {
+  device().make_esp("sda1", {{"limine.conf", "default_entry: 2\n" + kEntryA + kEntryB},
+                             {"tavi-b.mb", stand_in_kernel(2, "bbbbbbb", false)}});
+  device().config().boot_tries = 0;
+  device().config().start_entry.clear();
+  device().write_file("/system/ERPROBUNG", "gen=00000003 vor=00000003 v=00 ok=0\n");
+  BootResult b = device().boot();
+  EXPECT_FALSE(b.booted);
+  EXPECT_TRUE(b.fallback);
+  EXPECT_EQ(b.stuck, "Failed to open kernel with path boot():/tavi.mb");
+  EXPECT_EQ(device().esp_read("sda1", "limine.conf"), "default_entry: 1\n" + kEntryA + kEntryB);
 }
 
 TEST_F(BootProbe, ABootEndsWhatRanAndUnmountsTheEsp) {

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <set>
+#include <optional>
 #include <sstream>
 
 #include "host.h"
@@ -14,13 +14,6 @@
 namespace tavisim {
 
 namespace {
-
-// Options that belong to the entry they follow; every other option is global wherever
-// it stands (a default_entry after the entries still counts).
-const std::set<std::string> kEntryOptions = {"protocol",      "path",           "kernel_path", "cmdline",
-                                              "kernel_cmdline", "module_path",   "module_cmdline",
-                                              "module_string", "resolution",     "textmode",    "dtb_path",
-                                              "comment",       "image_path"};
 
 // The boot disks the firmware looks at, in this order; other images come after them.
 const char* kBootDisks[] = {"sda1", "nvme01", "hda1"};
@@ -37,37 +30,69 @@ struct MenuEntry {
 
 }  // namespace
 
-MenuChoice choose_boot_entry(std::string_view text, int force_entry) {
-  MenuChoice c;
-  std::vector<MenuEntry> entries;
-  MenuEntry* current = nullptr;
-  std::string default_value;
-  bool first_line_seen = false, globals_dropped = false;
-  std::istringstream in{std::string(text)};
-  std::string line;
-  while (std::getline(in, line)) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+namespace {
+
+// One line of the menu with where it starts and where its text ends (before a CR and LF).
+struct MenuLine {
+  size_t start = 0;
+  size_t end = 0;
+  std::string text;
+};
+
+std::vector<MenuLine> menu_lines(std::string_view text) {
+  std::vector<MenuLine> lines;
+  size_t p = 0;
+  while (p < text.size()) {
+    size_t nl = text.find('\n', p);
+    size_t next = nl == std::string_view::npos ? text.size() : nl + 1;
+    size_t end = nl == std::string_view::npos ? text.size() : nl;
+    if (end > p && text[end - 1] == '\r') end--;
+    lines.push_back({p, end, std::string(text.substr(p, end - p))});
+    p = next;
+  }
+  return lines;
+}
+
+// The line whose default_entry counts: the first one anywhere in the file, unless a first
+// line that is a sub-entry made the boot loader drop the global options. npos: none.
+size_t default_line_index(const std::vector<MenuLine>& lines) {
+  bool first_line_seen = false;
+  for (size_t i = 0; i < lines.size(); i++) {
+    const std::string& line = lines[i].text;
     std::string t = trim(line);
     if (t.empty() || t[0] == '#') continue;
     if (line[0] == '/') {
-      bool sub = line.size() > 1 && line[1] == '/';
-      // A menu that starts with a sub-entry hides it and loses its global options.
-      if (!first_line_seen && sub) globals_dropped = true;
+      if (!first_line_seen && line.size() > 1 && line[1] == '/') return std::string::npos;
       first_line_seen = true;
-      entries.push_back({!sub, ""});
-      current = &entries.back();
       continue;
     }
     first_line_seen = true;
     size_t colon = t.find(':');
+    if (colon != std::string::npos && trim(t.substr(0, colon)) == "default_entry") return i;
+  }
+  return std::string::npos;
+}
+
+}  // namespace
+
+MenuChoice choose_boot_entry(std::string_view text, int force_entry) {
+  MenuChoice c;
+  std::vector<MenuEntry> entries;
+  MenuEntry* current = nullptr;
+  std::vector<MenuLine> lines = menu_lines(text);
+  for (const MenuLine& l : lines) {
+    const std::string& line = l.text;
+    std::string t = trim(line);
+    if (t.empty() || t[0] == '#') continue;
+    if (line[0] == '/') {
+      entries.push_back({!(line.size() > 1 && line[1] == '/'), ""});
+      current = &entries.back();
+      continue;
+    }
+    size_t colon = t.find(':');
     if (colon == std::string::npos) continue;
     std::string key = trim(t.substr(0, colon));
-    std::string value = trim(t.substr(colon + 1));
-    if (kEntryOptions.count(key)) {
-      if (current && (key == "path" || key == "kernel_path")) current->path = value;
-    } else if (key == "default_entry") {
-      default_value = value;
-    }
+    if (current && (key == "path" || key == "kernel_path")) current->path = trim(t.substr(colon + 1));
   }
   std::vector<const MenuEntry*> top;
   for (auto& e : entries)
@@ -78,9 +103,11 @@ MenuChoice choose_boot_entry(std::string_view text, int force_entry) {
     return c;
   }
   int chosen = 1;
-  if (!globals_dropped && !default_value.empty()) {
+  size_t d = default_line_index(lines);
+  if (d != std::string::npos) {
+    std::string t = trim(lines[d].text);
     uint64_t n = 0;
-    if (parse_u64(default_value, n) && n >= 1 && n <= top.size()) chosen = static_cast<int>(n);
+    if (parse_u64(trim(t.substr(t.find(':') + 1)), n) && n >= 1 && n <= top.size()) chosen = static_cast<int>(n);
   }
   if (force_entry >= 1 && force_entry <= c.entries) chosen = force_entry;
   c.entry = chosen;
@@ -92,6 +119,18 @@ MenuChoice choose_boot_entry(std::string_view text, int force_entry) {
   }
   c.kernel_path = path.substr(7);
   return c;
+}
+
+std::string menu_with_default_one(std::string_view text) {
+  std::vector<MenuLine> lines = menu_lines(text);
+  size_t d = default_line_index(lines);
+  if (d == std::string::npos) return std::string(text);
+  const MenuLine& l = lines[d];
+  size_t colon = text.find(':', l.start);
+  std::string out(text.substr(0, colon + 1));
+  out += " 1";
+  out += text.substr(l.end);
+  return out;
 }
 
 KernelImage read_kernel_image(std::string_view image) {
@@ -154,8 +193,32 @@ BootResult Kernel::boot(const RunOptions& options, bool run_start_entry) {
   }
   if (image.empty()) return stuck("no ESP with a limine.conf");
 
+  // The boot loader starts the default entry's kernel, or nothing at all: it never falls
+  // back by itself.
   MenuChoice m = choose_boot_entry(menu);
-  // The kernel counts the starts of an unconfirmed trial in the trial record itself.
+  b.entry = m.entry;
+  if (!m.problem.empty()) return stuck(m.problem);
+  auto load = [&](const MenuChoice& choice) -> std::optional<std::string> {
+    b.entry = choice.entry;
+    b.kernel_path = choice.kernel_path;
+    auto kernel = fat_read(image, choice.kernel_path.substr(1));
+    if (!kernel) {
+      b.stuck = "Failed to open kernel with path boot():" + choice.kernel_path;
+      return std::nullopt;
+    }
+    b.kernel = read_kernel_image(*kernel);
+    if (!b.kernel.valid) {
+      b.stuck = "the kernel image " + choice.kernel_path + " does not start";
+      return std::nullopt;
+    }
+    return kernel;
+  };
+  if (!load(m)) return stuck(b.stuck);
+
+  // The kernel that started counts the starts of an unconfirmed trial in the trial record
+  // itself. Past the allowed number it falls back to entry 1, and makes that lasting: it
+  // sets the menu's default to entry 1 on the ESP, so a trial that ends without the
+  // counter (confirmed, rolled back, removed) cannot lead back to the entry that failed.
   auto record = fs_->read(kTrialRecord);
   if (record && record->size() == kTrialRecordBytes && (*record)[kOkDigit] == '0') {
     int v = 0;
@@ -168,16 +231,15 @@ BootResult Kernel::boot(const RunOptions& options, bool run_start_entry) {
     b.trial_starts = v;
     if (v > cfg_.boot_tries && m.entry != 1) {
       b.fallback = true;
-      m = choose_boot_entry(menu, 1);
+      std::string reset = menu_with_default_one(menu);
+      if (reset != menu) {
+        fat_write(image, "limine.conf", reset);
+        b.menu_reset = true;
+      }
+      b.kernel = KernelImage{};
+      if (!load(choose_boot_entry(menu, 1))) return stuck(b.stuck);
     }
   }
-  b.entry = m.entry;
-  if (!m.problem.empty()) return stuck(m.problem);
-  b.kernel_path = m.kernel_path;
-  auto kernel = fat_read(image, m.kernel_path.substr(1));
-  if (!kernel) return stuck("Failed to open kernel with path boot():" + m.kernel_path);
-  b.kernel = read_kernel_image(*kernel);
-  if (!b.kernel.valid) return stuck("the kernel image " + m.kernel_path + " does not start");
 
   fs_->make_dirs("/proc");
   fs_->write("/proc/version", "tavi " + b.kernel.build + " build " + b.kernel.commit + " (tavi-sim stand-in kernel)\n");
@@ -188,6 +250,7 @@ BootResult Kernel::boot(const RunOptions& options, bool run_start_entry) {
                                      b.kernel.healthy ? "health=good" : "health=broken"};
   if (b.trial_starts >= 0) fields.push_back("starts=" + std::to_string(b.trial_starts));
   if (b.fallback) fields.push_back("fallback");
+  if (b.menu_reset) fields.push_back("menu-default=1");
   log("boot", 0, fields);
   save_state();
 

@@ -342,6 +342,7 @@ CommandId Kernel::start(const std::vector<std::string>& argv, const RunOptions& 
   c.id = next_command_++;
   c.first_event = events_.size();
   c.cut = options.cut ? options.cut : cfg_.cut;
+  c.trace_calls = options.trace_calls;
   c.argv = argv;
   if (options.wall_seconds > 0) {
     c.has_wall = true;
@@ -361,7 +362,7 @@ CommandId Kernel::start(const std::vector<std::string>& argv, const RunOptions& 
 
   std::set<int64_t> traced(std::begin(kTraced), std::end(kTraced));
   for (auto& f : cfg_.call_faults) traced.insert(f.number);
-  std::vector<sock_filter> filter = build_filter(traced, c.cut.has_value());
+  std::vector<sock_filter> filter = build_filter(traced, c.cut.has_value() || c.trace_calls);
   sock_fprog prog{static_cast<unsigned short>(filter.size()), filter.data()};
 
   int out[2] = {-1, -1}, err[2] = {-1, -1};
@@ -698,8 +699,8 @@ void Kernel::handle_status(pid_t pid, int status) {
   }
   if (!WIFSTOPPED(status)) return;
   if (stopping_ != Stop::none) {
-    // SIGKILL is on its way; a process that still stopped (at its exit event) is let go
-    // so that it can die.
+    // SIGKILL is on its way. A process it reached stops once more at its exit event and
+    // must be let go from there, or it never ends.
     ptrace(PTRACE_CONT, pid, nullptr, nullptr);
     return;
   }
@@ -906,8 +907,13 @@ void Kernel::reap_one(pid_t pid) {
       on_exit(*t, SIGKILL);
       break;
     }
-    if (WIFEXITED(status) || WIFSIGNALED(status)) on_exit(*t, status);
-    // A stop reported on the way is left alone: SIGKILL ends the process anyway.
+    if (WIFEXITED(status) || WIFSIGNALED(status)) {
+      on_exit(*t, status);
+    } else if (WIFSTOPPED(status)) {
+      // A stop reported on the way (the exit event among them) is let go: SIGKILL then
+      // ends the process.
+      ptrace(PTRACE_CONT, pid, nullptr, nullptr);
+    }
   }
 }
 
@@ -979,6 +985,7 @@ void Kernel::on_syscall(Tracee& t) {
   }
   t.calls++;
   auto cit = commands_.find(t.command);
+  if (cit != commands_.end() && cit->second.trace_calls && t.main) cit->second.result.calls.push_back(nr);
   if (cit != commands_.end() && cit->second.cut) {
     const Cut& cut = *cit->second.cut;
     if ((t.main || cut.any_process) && t.calls == cut.at_call) {

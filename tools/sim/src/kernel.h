@@ -110,6 +110,7 @@ class Kernel {
     bool has_wall = false;
     int64_t virtual_deadline = INT64_MAX;
     std::optional<Cut> cut;
+    bool trace_calls = false;
   };
   struct Mount {
     std::string device;

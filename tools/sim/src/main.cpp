@@ -68,7 +68,7 @@ const Help kHelp[] = {
      "one (sda1, nvme01, hda1, then the others) and starts the default entry's kernel, a\n"
      "stand-in image (`ota-publish kernel`). The kernel writes /proc/version, counts the starts\n"
      "of an unconfirmed trial in /system/ERPROBUNG (after boot-tries starts it falls back to\n"
-     "entry 1), brings the configured tasks up if the image is healthy, and runs the start-up\n"
+     "entry 1 and makes entry 1 the menu's default), brings the configured tasks up if the image is healthy, and runs the start-up\n"
      "entry (`ota boot`) for at most S virtual seconds (default 3600). When that restarts the\n"
      "machine it is started again, at most N more times (default 0). Exit status: 0 the\n"
      "machine came up, 3 it stands at the boot loader, 250 it was still restarting.\n"},
@@ -220,6 +220,7 @@ int cmd_boot(int argc, char** argv) {
                 << b.kernel.build << " commit " << b.kernel.commit << (b.kernel.healthy ? " healthy" : " broken");
       if (b.trial_starts >= 0) std::cerr << ", trial start " << b.trial_starts;
       if (b.fallback) std::cerr << ", fell back to entry 1";
+      if (b.menu_reset) std::cerr << " (menu default set to 1)";
       std::cerr << "\n";
     }
     if (!b.ran_start_entry || !b.start_entry.rebooted) return 0;

@@ -1,8 +1,9 @@
 #pragma once
 // The start of a simulated machine: the boot loader reads limine.conf on the ESP and
-// starts the default entry's kernel image; the kernel writes /proc/version from the
-// image, counts the starts of an unconfirmed trial and falls back to entry 1 after too
-// many, starts the desktop tasks if the image is healthy, and runs the start-up entry.
+// starts the default entry's kernel image (or stands still when it cannot); the kernel
+// writes /proc/version from the image, counts the starts of an unconfirmed trial and,
+// after too many, falls back to entry 1 and sets the menu's default to entry 1, starts
+// the desktop tasks if the image is healthy, and runs the start-up entry.
 //
 // Kernel images are stand-ins, as `ota-publish kernel` writes them: a first line
 //   TAVI-KERNEL build=<build> commit=<commit> health=good|broken
@@ -25,6 +26,9 @@ struct MenuChoice {
 };
 // force_entry: start that entry instead of the default one (the kernel's fallback).
 MenuChoice choose_boot_entry(std::string_view limine_conf, int force_entry = 0);
+// The menu with the value of the default_entry line that counts set to 1 (the kernel's
+// lasting fallback); every other byte stays. Unchanged when no such line counts.
+std::string menu_with_default_one(std::string_view limine_conf);
 
 struct KernelImage {
   bool valid = false;
@@ -44,6 +48,7 @@ struct BootResult {
   KernelImage kernel;
   int trial_starts = -1;  // the start count of an unconfirmed trial after this start; -1: none
   bool fallback = false;  // the kernel fell back to entry 1
+  bool menu_reset = false;  // and rewrote the menu's default to entry 1 on the ESP
   bool ran_start_entry = false;
   RunResult start_entry;  // the start-up entry's run
 };

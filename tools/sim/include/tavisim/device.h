@@ -32,6 +32,7 @@ struct RunOptions {
   double virtual_seconds = 86400;  // virtual time it may take; 0: no limit
   std::optional<Cut> cut;          // replaces sim.conf's cut for this command
   bool capture = true;             // false: the program writes to the simulator's own output
+  bool trace_calls = false;        // record the number of every system call the program makes
 };
 
 struct RunResult {
@@ -47,6 +48,9 @@ struct RunResult {
   std::string error;          // the simulator could not run it at all
   int64_t pid = 0;
   int64_t max_rss_kib = 0;    // peak resident memory of the program, as the kernel accounted it
+  // With RunOptions::trace_calls: the number of each system call the command's first
+  // process made (or was about to make when it ended), in order, as a cut counts them.
+  std::vector<int64_t> calls;
 };
 
 using CommandId = int;
