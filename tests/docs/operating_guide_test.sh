@@ -44,7 +44,7 @@ fail() {
   failures=$((failures + 1))
 }
 
-# --- Part 1: the guide's commands -------------------------------------------------------
+# --- The guide's commands, as written ---------------------------------------------
 
 # One record per command: "CMD", the sh block's number, the guide's line number and the
 # command with its continuation lines joined, TAB-separated. A ```text block that follows a
@@ -151,7 +151,7 @@ if [ "$failures" -ne 0 ]; then
   exit 1
 fi
 
-# --- Part 2: what devices do with what the guide published ------------------------------
+# --- What devices do with what the guide published ------------------------------
 
 url=https://updates.example/tavi/aktuell
 sysurl=https://updates.example/tavi/system/stable
