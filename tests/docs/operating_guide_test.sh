@@ -105,6 +105,9 @@ snapshot_sources() {
   done < <(find . -path ./snap -prune -o -path ./.guide-output -prune -o -path '*/root' -prune -o -name VERZEICHNIS -print)
 }
 
+# A command that hangs fails the test instead of holding it; every command of the guide
+# takes seconds at most.
+limit=${OTA_DOCS_COMMAND_LIMIT:-120}
 ran=0
 skipped=0
 expected=0
@@ -132,8 +135,15 @@ while IFS=$'\t' read -r kind block number cmd; do
   esac
   echo "run  (line $number): $cmd"
   make_placeholders "$cmd"
-  if ! bash -c "$cmd" </dev/null >.guide-output/last 2>&1; then
-    fail "line $number of the guide exits non-zero: $cmd"
+  status=0
+  timeout -k 5 "$limit" bash -c "$cmd" </dev/null >.guide-output/last 2>&1 || status=$?
+  if [ "$status" = 124 ] || [ "$status" = 137 ]; then
+    fail "line $number of the guide did not finish within $limit s: $cmd"
+    sed 's/^/    /' .guide-output/last >&2
+    break
+  fi
+  if [ "$status" != 0 ]; then
+    fail "line $number of the guide exits $status: $cmd"
     sed 's/^/    /' .guide-output/last >&2
     break
   fi
@@ -183,7 +193,7 @@ new_device() {
 device_run() {
   local name=$1 expected=$2 status=0
   shift 2
-  out=$(tavi-sim run "devices/$name" -- "$@" 2>&1) || status=$?
+  out=$(timeout -k 5 "$limit" tavi-sim run "devices/$name" -- "$@" 2>&1) || status=$?
   if [ "$status" != "$expected" ]; then
     fail "device $name: \`ota $*\` exited $status, expected $expected"
     printf '%s\n' "$out" | sed 's/^/    /' >&2
