@@ -82,6 +82,21 @@ int exchange_directories(const std::string& from, const std::string& to) {
   return rename(aside.c_str(), from.c_str());
 }
 
+// Everything is first written under a temporary name beside its final place, so a failure
+// there is reported against the final path; a missing parent directory is said as such,
+// since the tool does not create it.
+Error creation_error(const std::string& final_path, const char* temporary) {
+  int error = errno;
+  std::string parent = parent_of(final_path);
+  struct stat st {};
+  if (error == ENOENT && stat(parent.c_str(), &st) != 0) {
+    return Error("cannot write " + shown(final_path) + ": the directory " + shown(parent) +
+                 " does not exist (make it first)");
+  }
+  return Error("cannot write " + shown(final_path) + ": cannot create " + temporary + " in " + shown(parent) + ": " +
+               std::strerror(error));
+}
+
 }  // namespace
 
 void check_output_free(const std::string& path, bool force, const char* what, bool directory, bool replaceable) {
@@ -104,9 +119,7 @@ StagedDirectory::StagedDirectory(const std::string& final_path, bool force)
   std::string pattern = parent_of(final_path_) + "/." + base_name(final_path_) + ".tmp-XXXXXX";
   std::vector<char> buf(pattern.begin(), pattern.end());
   buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr) {
-    throw Error("cannot create a temporary directory beside " + shown(final_path_) + ": " + std::strerror(errno));
-  }
+  if (mkdtemp(buf.data()) == nullptr) throw creation_error(final_path_, "a temporary directory");
   temp_path_ = buf.data();
   chmod(temp_path_.c_str(), 0755);
 }
@@ -152,7 +165,7 @@ void write_file_atomic(const std::string& path, const Bytes& data, unsigned mode
   std::vector<char> buf(pattern.begin(), pattern.end());
   buf.push_back('\0');
   int fd = mkstemp(buf.data());
-  if (fd < 0) throw Error("cannot create a temporary file beside " + shown(path) + ": " + std::strerror(errno));
+  if (fd < 0) throw creation_error(path, "a temporary file");
   std::string temp = buf.data();
   try {
     if (fchmod(fd, mode) != 0) throw Error("cannot set the mode of " + shown(temp) + ": " + std::strerror(errno));

@@ -128,6 +128,8 @@ int cmd_init(int argc, char** argv) {
       if (a == "--esp") o.esp_disks.push_back(v);
       else if (a == "--binary") o.ota_binary = v;
       else o.proc_version = v + "\n";
+    } else if (a == "--esp" || a == "--binary" || a == "--proc-version") {
+      return usage_error("init", a + " needs a value");
     } else {
       return usage_error("init", "unknown option " + a);
     }
@@ -166,6 +168,10 @@ int cmd_run(int argc, char** argv) {
       c.durability = d == "all" ? Durability::all : Durability::synced;
       o.cut = c;
       i += 2;
+    } else if (a == "--wall" || a == "--virtual") {
+      return usage_error("run", a + " needs a number of seconds");
+    } else if (a == "--cut") {
+      return usage_error("run", "--cut needs a call count and all or synced");
     } else {
       return usage_error("run", "unknown option " + a + " (the words for ota follow --)");
     }
@@ -206,6 +212,8 @@ int cmd_boot(int argc, char** argv) {
     else if (a == "--wall" && i + 1 < argc) o.run.wall_seconds = seconds_arg("boot", a, argv[++i]);
     else if (a == "--virtual" && i + 1 < argc) o.run.virtual_seconds = seconds_arg("boot", a, argv[++i]);
     else if (a == "--restarts" && i + 1 < argc && parse_u64(argv[i + 1], restarts)) i++;
+    else if (a == "--restarts") return usage_error("boot", "--restarts needs a number of restarts");
+    else if (a == "--wall" || a == "--virtual") return usage_error("boot", a + " needs a number of seconds");
     else return usage_error("boot", "unknown option " + a);
   }
   Device d = Device::open(argv[2]);
