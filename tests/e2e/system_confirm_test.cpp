@@ -155,10 +155,13 @@ TEST_F(SystemConfirmTest, AFallbackToTheOldKernelRollsBack) {
   EXPECT_FALSE(device().exists("/system/SYSPENDING"));
   EXPECT_EQ(file("/system/SYSVERSION"), "20250110\n");
   EXPECT_EQ(stand(), "here=20250110\nthere=0\ncommit=\nphase=failed\n");
-  // Slot B and entry B stay; the next apply overwrites them.
+  // Slot B and entry B stay; the next apply overwrites them. The kernel's fallback made
+  // entry 1 the default again, so the next start boots the old kernel.
   EXPECT_EQ(device().esp_read("sda1", "tavi.mb").value_or(""), old_kernel_);
   EXPECT_EQ(device().esp_read("sda1", "tavi-b.mb").value_or(""), kernel);
-  expect_esp_menu(kStagedMenu);
+  std::string menu = kStagedMenu;
+  menu.replace(menu.find("default_entry: 2"), 16, "default_entry: 1");
+  expect_esp_menu(menu);
 }
 
 TEST_F(SystemConfirmTest, AnUnreadableProcVersionRollsBack) {
