@@ -54,12 +54,8 @@ int checked_download(const char* file, const char* local, u64 length, const char
       size = 0;
     }
     if (size == length) {
-      u8 digest[32];
-      char hex[65];
-      bool read = sha256_file(local, digest);
-      if (read) hex_encode(digest, 32, hex);
       // Compared over at most 64 characters; capitals never match.
-      if (read && str_equal_n(hex, hash_text, 64)) return 1;
+      if (sha256_file_matches(local, hash_text)) return 1;
       mismatch = true;
       remove_file(local);
       size = 0;

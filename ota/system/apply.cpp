@@ -11,6 +11,7 @@
 #include "system/overlay.h"
 #include "system/pending.h"
 #include "trust/catalog_text.h"
+#include "trust/sha256.h"
 
 namespace ota {
 
@@ -32,9 +33,7 @@ bool fetch_kernel_to_slot_b() {
 }
 
 bool slot_a_is_offered_kernel() {
-  char hex[65];
-  return file_size(slot_a_path) == manifest.kernel.size && file_sha256_hex(slot_a_path, hex) &&
-         str_equal_n(hex, manifest.kernel.sha, 64);
+  return file_size(slot_a_path) == manifest.kernel.size && sha256_file_matches(slot_a_path, manifest.kernel.sha);
 }
 
 void update_trust_roots() {

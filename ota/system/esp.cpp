@@ -23,6 +23,14 @@ void build_slot_path(char* out, const char* dir, const char* file) {
   str_append_at(out, len, file);
 }
 
+// The SHA-256 of a file as 64 lowercase hex digits; 0 when it cannot be opened.
+int file_sha256_hex(const char* path, char out[65]) {
+  u8 digest[32];
+  if (!sha256_file(path, digest)) return 0;
+  sha256_hex(digest, out);
+  return 1;
+}
+
 void report_hash(const char* label, const char* path) {
   char hex[65];
   say_text(label, file_sha256_hex(path, hex) ? hex : "absent");
@@ -31,13 +39,6 @@ void report_hash(const char* label, const char* path) {
 }  // namespace
 
 i64 read_menu(char* buf) { return read_file(kMenuPath, buf, kMenuBytes); }
-
-int file_sha256_hex(const char* path, char out[65]) {
-  u8 digest[32];
-  if (!sha256_file(path, digest)) return 0;
-  hex_encode(digest, 32, out);
-  return 1;
-}
 
 bool try_mount_esp(const char* device) {
   sys_umount2(kEspMount);  // a stale mount is cleared first

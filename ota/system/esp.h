@@ -22,7 +22,5 @@ void unmount_esp();
 int esp_report();
 // Reads the menu into buf (kMenuBytes); the byte count, or -1.
 i64 read_menu(char* buf);
-// SHA-256 of a file as 64 lowercase hex digits; 0 when it cannot be opened.
-int file_sha256_hex(const char* path, char out[65]);
 
 }  // namespace ota

@@ -7,6 +7,7 @@
 #include "system/esp.h"
 #include "system/manifest.h"
 #include "trust/catalog_text.h"
+#include "trust/sha256.h"
 
 namespace ota {
 
@@ -177,8 +178,7 @@ bool fetch_overlay_file(const char* target, const char* name, u64 size, const ch
     remove_file(destination);
     return false;
   }
-  char hex[65];
-  if (file_size(destination) != size || !file_sha256_hex(destination, hex) || !str_equal_n(hex, sha256, 64)) {
+  if (file_size(destination) != size || !sha256_file_matches(destination, sha256)) {
     fail("ota: unpacked file has the wrong size or hash", nullptr);
     remove_file(destination);
     return false;

@@ -7,6 +7,7 @@
 #include "system/manifest.h"
 #include "system/menu.h"
 #include "system/overlay.h"
+#include "trust/sha256.h"
 
 namespace ota {
 
@@ -30,10 +31,6 @@ const char* after_key(const char* text, usize len, const char* key) {
   return at < 0 ? nullptr : text + at + str_len(key);
 }
 
-bool slot_matches(const char* path, const char* hash) {
-  char hex[65];
-  return file_sha256_hex(path, hex) && str_equal_n(hex, hash, 64);
-}
 
 int roll_back() {
   remove_file(kSystemPendingPath);
@@ -129,8 +126,8 @@ int confirm_system_update() {
     unmount_esp();
     return roll_back();
   }
-  bool promoted = slot_matches(slot_b_path, hash) && copy_file(slot_b_path, slot_a_path) &&
-                  slot_matches(slot_a_path, hash) && reset_default_entry();
+  bool promoted = sha256_file_matches(slot_b_path, hash) && copy_file(slot_b_path, slot_a_path) &&
+                  sha256_file_matches(slot_a_path, hash) && reset_default_entry();
   unmount_esp();
   if (!promoted) return 0;  // stays pending; the next confirmation tries again
 

@@ -231,6 +231,11 @@ int sha256_matches(const u8 digest[kSha256DigestBytes], const char* expected_hex
   return str_equal_n(hex, expected_hex, kDigestHexBytes - 1);
 }
 
+int sha256_file_matches(const char* path, const char* expected_hex) {
+  u8 digest[kSha256DigestBytes];
+  return sha256_file(path, digest) && sha256_matches(digest, expected_hex);
+}
+
 void sha256_force_portable(bool portable) { portable_only = portable; }
 
 }  // namespace ota

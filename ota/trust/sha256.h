@@ -26,6 +26,8 @@ void sha256_hex(const u8 digest[kSha256DigestBytes], char out[kDigestHexBytes]);
 // 1 when the digest, rendered in lowercase hex, equals the expected text byte for byte
 // (so a hash written in capitals never matches).
 int sha256_matches(const u8 digest[kSha256DigestBytes], const char* expected_hex);
+// 1 when the file can be read and its digest matches the expected text as above.
+int sha256_file_matches(const char* path, const char* expected_hex);
 
 // Tests: true keeps the hash on the portable rounds even where the processor has the
 // SHA extensions, so both paths are checked on every machine.
