@@ -51,10 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   asked %= 1000000000;
   data += 8;
   size -= 8;
-  std::string text(reinterpret_cast<const char*>(data), size < ota::kCatalogBytes ? size : ota::kCatalogBytes);
-  memcpy(ota::catalog.text, text.data(), text.size());
-  ota::catalog.text[text.size()] = 0;
-  ota::catalog.length = text.size();
+  std::string text = hold_catalog(data, size);
 
   DeviceRoot& root = DeviceRoot::get();
   if (no_file) {

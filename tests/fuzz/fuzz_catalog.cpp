@@ -101,12 +101,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
 
-  memcpy(ota::catalog.text, text.data(), text.size());
-  ota::catalog.text[text.size()] = 0;
-  ota::catalog.length = text.size();
-  memcpy(ota::install_catalog.text, install.data(), install.size());
-  ota::install_catalog.text[install.size()] = 0;
-  ota::install_catalog.length = install.size();
+  hold_catalog(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+  hold_text(ota::install_catalog.text, sizeof ota::install_catalog.text, &ota::install_catalog.length, install);
 
   // The lines of each tag, in order, and nothing after the last.
   for (const char* tag : {"paket\t", "kette\t", "gesperrt\t", "fassung\t", "sysfile\tfile\t", "OTA2"}) {

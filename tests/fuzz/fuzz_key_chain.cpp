@@ -130,10 +130,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const Key& trusted_seed_key = generation_keys[stored];
   data++;
   size--;
-  std::string text(reinterpret_cast<const char*>(data), size < ota::kCatalogBytes ? size : ota::kCatalogBytes);
-  memcpy(ota::catalog.text, text.data(), text.size());
-  ota::catalog.text[text.size()] = 0;
-  ota::catalog.length = text.size();
+  std::string text = hold_catalog(data, size);
 
   memcpy(ota::trust.trusted_key, trusted_seed_key.data(), 32);
   memcpy(ota::trust.spare_key, spare_seed_key.data(), 32);

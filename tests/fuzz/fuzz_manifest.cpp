@@ -51,10 +51,7 @@ std::string as_string(const std::string& s) { return s.substr(0, strnlen(s.c_str
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::string text(reinterpret_cast<const char*>(data), size < ota::kCatalogBytes ? size : ota::kCatalogBytes);
-  memcpy(ota::catalog.text, text.data(), text.size());
-  ota::catalog.text[text.size()] = 0;
-  ota::catalog.length = text.size();
+  std::string text = hold_catalog(data, size);
   // Leftovers of an earlier run must not decide this one: the parse clears what it
   // owns, and fields it only overwrites when a line is there are set to marks.
   memset(&ota::manifest, 0x5a, sizeof ota::manifest);

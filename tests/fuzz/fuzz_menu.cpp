@@ -7,7 +7,8 @@
 // Checked:
 //   - check_and_add_entry_b gives 0 to 5; on 0 the output is its kept length, closed by a
 //     0, within the capacity, and rewriting the output again changes nothing and keeps
-//     the same kernel directory; on a refusal no length is kept;
+//     the same kernel directory; into a smaller buffer it gives the same menu or, when
+//     that does not fit, "too large"; on a refusal no length is kept;
 //   - the first entry's kernel directory agrees with the rewrite's;
 //   - with the menu as /sysesp/limine.conf in a scratch root, install_entry_b leaves the
 //     rewrite's output there or, when refused, the file as it was; reset_default_entry
@@ -62,6 +63,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       FUZZ_CHECK(!"the rewrite of a rewritten menu changes it");
     }
     FUZZ_CHECK(std::string(ota::menu_kernel_dir(), ota::menu_kernel_dir_length()) == dir);
+
+    // Into a smaller buffer: the same menu when it fits with its closing 0, else "too
+    // large" and nothing kept.
+    size_t small = 64 + size % 4096;
+    std::unique_ptr<char[]> tight(new char[small]);
+    int code3 = ota::check_and_add_entry_b(exact.get(), size, tight.get(), small);
+    if (n < small) {
+      FUZZ_CHECK(code3 == 0 && ota::menu_new_length() == n && memcmp(tight.get(), rewritten.data(), n) == 0);
+    } else {
+      FUZZ_CHECK(code3 == ota::kMenuTooLarge && ota::menu_overflowed() && ota::menu_new_length() == 0);
+    }
   } else {
     FUZZ_CHECK(ota::menu_new_length() == 0);
     FUZZ_CHECK(code == ota::kMenuTooLarge ? ota::menu_overflowed() : !ota::menu_overflowed());

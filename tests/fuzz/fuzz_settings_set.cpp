@@ -92,8 +92,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // their order.
   std::string prefix = key + "=";
   std::string line = prefix + value + "\n";
+  size_t last = after.size() - std::min(after.size(), line.size());
   if (value.find('\n') == std::string::npos && after.size() >= line.size() &&
-      after.compare(after.size() - line.size(), line.size(), line) == 0) {
+      after.compare(last, line.size(), line) == 0 && (last == 0 || after[last - 1] == '\n')) {
     size_t lines_with_key = 0;
     for (size_t start = 0; start < after.size();) {
       size_t nl = after.find('\n', start);

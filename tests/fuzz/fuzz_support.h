@@ -3,6 +3,13 @@
 // absolute paths are taken below, silenced standard output and error, small file helpers,
 // and a check that stops the run with a message when a property does not hold.
 #include <dirent.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sanitizer/asan_interface.h>
+#include <stddef.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -15,6 +22,7 @@
 #include <vector>
 
 #include "runtime/syscall.h"
+#include "trust/catalog_text.h"
 
 // A property of the code under test failed: say which and abort, which libFuzzer reports
 // as a crash together with the input.
@@ -26,6 +34,24 @@
   do {                                                       \
     if (!(cond)) fuzz_failure(__FILE__, __LINE__, #cond);    \
   } while (0)
+
+// The device code syncs after its important writes. Thousands of whole-system syncs a
+// second would slow the fuzzing down to the pace of the disk and everything else on the
+// machine with it, and the scratch root lives in memory anyway: so in a fuzz process the
+// kernel answers sync with success without doing it. Every other call goes through.
+inline bool answer_sync_without_syncing() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AUDIT_ARCH_X86_64, 0, 2),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sync, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | 0),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  sock_fprog program = {static_cast<unsigned short>(sizeof filter / sizeof filter[0]), filter};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+inline const bool sync_answered = answer_sync_without_syncing();
 
 // Descriptors 1 and 2 go to /dev/null while the object lives: the device code prints its
 // messages with raw writes, and a fuzzer printing them for every input would crawl.
@@ -185,3 +211,21 @@ inline uint64_t reference_decimal(const char* s, size_t n) {
   return v;
 }
 inline uint64_t reference_decimal(const std::string& s) { return reference_decimal(s.data(), s.size()); }
+
+// Puts text into a program-wide buffer the way its loader does (the bytes, a closing 0,
+// the length) and poisons the rest of the buffer, so that a reader going past the closing
+// 0 is caught although it stays inside the buffer.
+inline void hold_text(char* buffer, size_t capacity, size_t* length, const std::string& text) {
+  ASAN_UNPOISON_MEMORY_REGION(buffer, capacity);
+  memcpy(buffer, text.data(), text.size());
+  buffer[text.size()] = 0;
+  *length = text.size();
+  ASAN_POISON_MEMORY_REGION(buffer + text.size() + 1, capacity - text.size() - 1);
+}
+
+// The catalog text as the catalog load leaves it (at most 32,767 bytes are read).
+inline std::string hold_catalog(const uint8_t* data, size_t size) {
+  std::string text(reinterpret_cast<const char*>(data), size < ota::kCatalogBytes ? size : ota::kCatalogBytes);
+  hold_text(ota::catalog.text, sizeof ota::catalog.text, &ota::catalog.length, text);
+  return text;
+}
