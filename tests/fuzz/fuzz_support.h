@@ -3,11 +3,13 @@
 // absolute paths are taken below, silenced standard output and error, small file helpers,
 // and a check that stops the run with a message when a property does not hold.
 #include <dirent.h>
+#include <errno.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sanitizer/asan_interface.h>
 #include <stddef.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <fcntl.h>
@@ -170,7 +172,8 @@ class DeviceRoot {
  private:
   DeviceRoot() {
     const char* base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-    std::string tmpl = std::string(base) + "/ota-fuzz-XXXXXX";
+    remove_orphans(base);
+    std::string tmpl = std::string(base) + "/ota-fuzz-" + std::to_string(getpid()) + "-XXXXXX";
     std::vector<char> buf(tmpl.begin(), tmpl.end());
     buf.push_back(0);
     if (mkdtemp(buf.data()) == nullptr) fuzz_failure(__FILE__, __LINE__, "cannot make the scratch root");
@@ -178,6 +181,23 @@ class DeviceRoot {
     snprintf(ota::host_root, sizeof ota::host_root, "%s", path_.c_str());
     reset();
     atexit([] { remove_tree(DeviceRoot::get().path()); });
+  }
+  // A run that ends by a crash or by libFuzzer's own exit never removes its root; the
+  // roots are named with their process id, so the next run removes those whose process
+  // is gone.
+  static void remove_orphans(const char* base) {
+    DIR* d = opendir(base);
+    if (d == nullptr) return;
+    std::vector<std::string> orphans;
+    while (dirent* e = readdir(d)) {
+      long pid = 0;
+      if (sscanf(e->d_name, "ota-fuzz-%ld-", &pid) == 1 && pid > 0 && kill(static_cast<pid_t>(pid), 0) != 0 &&
+          errno == ESRCH) {
+        orphans.push_back(std::string(base) + "/" + e->d_name);
+      }
+    }
+    closedir(d);
+    for (const std::string& o : orphans) remove_tree(o);
   }
   std::string path_;
 };
