@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds everything, runs the unit and
 # end-to-end tests, then runs them again in a build with AddressSanitizer and
-# UndefinedBehaviorSanitizer (the device program itself is never instrumented).
+# UndefinedBehaviorSanitizer (the device program itself is never instrumented), and runs
+# every fuzz target for a short while.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -20,4 +21,9 @@ if [ "${OTA_SKIP_SANITIZE:-0}" != 1 ]; then
   cmake --build build-san -j "$jobs"
   echo "== tests (sanitizers)"
   ctest --test-dir build-san --output-on-failure -j "$jobs"
+fi
+
+if [ "${OTA_SKIP_FUZZ:-0}" != 1 ]; then
+  echo "== fuzzing (each target briefly; a finding fails the run)"
+  bash scripts/fuzz.sh
 fi
