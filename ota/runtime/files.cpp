@@ -79,13 +79,17 @@ u64 read_number_file(const char* path) {
   return v;
 }
 
-int write_number_file(const char* path, u64 v) {
-  char buf[9];
+void format_eight_digits(char* out, u64 v) {
   v %= 100000000;
   for (int i = 7; i >= 0; i--) {
-    buf[i] = static_cast<char>('0' + v % 10);
+    out[i] = static_cast<char>('0' + v % 10);
     v /= 10;
   }
+}
+
+int write_number_file(const char* path, u64 v) {
+  char buf[9];
+  format_eight_digits(buf, v);
   buf[8] = '\n';
   return overwrite_in_place(path, buf, sizeof buf);
 }

@@ -20,6 +20,9 @@ int replace_file(const char* path, const void* data, usize n);
 int overwrite_in_place(const char* path, const void* data, usize n);
 u64 read_number_file(const char* path);
 int write_number_file(const char* path, u64 v);
+// The last eight decimal digits of v, zero-padded, into out[0..7] (no closing 0): the
+// form of every number file and of the records that carry versions and generations.
+void format_eight_digits(char* out, u64 v);
 u64 file_size(const char* path);
 void remove_file(const char* path);
 void make_directory(const char* path);

@@ -9,13 +9,12 @@ namespace ota {
 
 char slot_a_path[kSlotPathBytes];
 char slot_b_path[kSlotPathBytes];
+char esp_menu_text[kMenuBytes + 1];
 
 namespace {
 
 // Tried in this order: SATA/SCSI, then NVMe, then the old IDE name.
 constexpr const char* kCandidates[] = {"/dev/sda1", "/dev/nvme01", "/dev/hda1"};
-
-char menu_text[kMenuBytes + 1];
 
 void build_slot_path(char* out, const char* dir, const char* file) {
   usize len = str_copy(out, kEspMount);
@@ -38,7 +37,11 @@ void report_hash(const char* label, const char* path) {
 
 }  // namespace
 
-i64 read_menu(char* buf) { return read_file(kMenuPath, buf, kMenuBytes); }
+i64 read_menu() {
+  i64 n = read_file(kMenuPath, esp_menu_text, kMenuBytes);
+  esp_menu_text[n > 0 ? n : 0] = 0;
+  return n;
+}
 
 bool try_mount_esp(const char* device) {
   sys_umount2(kEspMount);  // a stale mount is cleared first
@@ -60,9 +63,9 @@ bool mount_esp() {
     }
   }
   if (!mounted) return false;
-  i64 n = read_menu(menu_text);
+  i64 n = read_menu();
   const char* dir = "";
-  if (n >= 1 && n < static_cast<i64>(kMenuBytes) && find_first_entry_kernel_dir(menu_text, static_cast<usize>(n))) {
+  if (n >= 1 && n < static_cast<i64>(kMenuBytes) && find_first_entry_kernel_dir(esp_menu_text, static_cast<usize>(n))) {
     dir = menu_kernel_dir();
   }
   build_slot_path(slot_a_path, dir, "/tavi.mb");

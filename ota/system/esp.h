@@ -20,7 +20,9 @@ bool try_mount_esp(const char* device);
 bool mount_esp();
 void unmount_esp();
 int esp_report();
-// Reads the menu into buf (kMenuBytes); the byte count, or -1.
-i64 read_menu(char* buf);
+// The menu as last read, closed with a 0 after what was read.
+extern char esp_menu_text[kMenuBytes + 1];
+// Reads the menu into esp_menu_text; the byte count, or -1.
+i64 read_menu();
 
 }  // namespace ota

@@ -17,14 +17,6 @@ constexpr usize kPendingBytes = 300;
 constexpr usize kVersionBytes = 200;
 constexpr usize kCommitPrefix = 7;
 
-void eight_digits(char* out, u64 v) {
-  v %= 100000000;
-  for (int i = 7; i >= 0; i--) {
-    out[i] = static_cast<char>('0' + v % 10);
-    v /= 10;
-  }
-}
-
 // The value text after key in the record, or null.
 const char* after_key(const char* text, usize len, const char* key) {
   i64 at = mem_find(text, len, key, str_len(key));
@@ -56,9 +48,9 @@ bool arm_system_trial() {
   }
   char record[kTrialRecordBytes + 1];
   usize len = str_copy(record, "gen=");
-  eight_digits(record + len, generation);
+  format_eight_digits(record + len, generation);
   len = str_append_at(record, len + 8, " vor=");
-  eight_digits(record + len, generation);
+  format_eight_digits(record + len, generation);
   len = str_append_at(record, len + 8, " v=00 ok=0\n");
   if (len != kTrialRecordBytes) return false;
   return replace_file(kTrialRecordPath, record, len);
@@ -115,13 +107,12 @@ int confirm_system_update() {
 
   if (!running_kernel_is(commit)) return roll_back();
   if (!mount_esp()) return 0;
-  static char menu[kMenuBytes + 1];
-  i64 m = read_menu(menu);
+  i64 m = read_menu();
   if (m <= 0 || m >= static_cast<i64>(kMenuBytes)) {
     unmount_esp();
     return 0;
   }
-  if (mem_find(menu, static_cast<usize>(m), "default_entry: 2", 16) < 0) {
+  if (mem_find(esp_menu_text, static_cast<usize>(m), "default_entry: 2", 16) < 0) {
     // The menu no longer starts the trial entry.
     unmount_esp();
     return roll_back();

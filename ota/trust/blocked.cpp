@@ -46,11 +46,7 @@ int is_in_blocked_list(u64 version) {
 int add_blocked_version(u64 version) {
   if (is_in_blocked_list(version) || blocked.count >= kBlockedRecords) return 0;
   char* record = blocked.bytes + blocked.count * kBlockedRecordBytes;
-  u64 v = version % 100000000;
-  for (int i = 7; i >= 0; i--) {
-    record[i] = static_cast<char>('0' + v % 10);
-    v /= 10;
-  }
+  format_eight_digits(record, version);
   record[8] = '\n';
   blocked.count++;
   return 1;
