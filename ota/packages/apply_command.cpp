@@ -148,7 +148,10 @@ int apply_packages() {
     say_text("ota: applying with tpk ", name);
     i64 code = run_tpk("update", name, "--source", kWorkDir, 5);
     if (code != 0) {
-      say_number("ota: tpk did not install, code ", static_cast<u64>(code));
+      // An installer that could not be started reports -1, so the code is shown signed.
+      char shown[24];
+      format_decimal(static_cast<u64>(code), shown, 1);
+      say_text("ota: tpk did not install, code ", shown);
       return 1;
     }
     char local[kPathBytes];

@@ -231,6 +231,18 @@ TEST_F(ApplyTest, AnInstallerFailureStopsAtThatPackage) {
   EXPECT_NE(r.out.find("ota: packages already current: 1\n"), std::string::npos);
 }
 
+TEST_F(ApplyTest, AnInstallerThatCannotBeStartedIsReportedAsCodeMinusOne) {
+  device().write_file("/system/FASSUNG", "00000004\n");
+  offer({{"core", 1000}});
+  // The first start of /bin/tpk reads the installer catalog; the second would install.
+  device().add_call_fault({.number = 1001, .error = -2, .nth = 2, .path = "/bin/tpk"});
+  RunResult r = device().run({"apply"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("ota: applying with tpk core\nota: tpk did not install, code -1\n"), std::string::npos)
+      << r.out;
+  EXPECT_EQ(device().read_file("/system/FASSUNG").value_or(""), "00000004\n");
+}
+
 TEST_F(ApplyTest, ThePhaseFollowsSearchApplyAndAFailedSearch) {
   offer({{"core", 1000}});
   device().run({"search"});
