@@ -36,7 +36,7 @@ hf() {  # hyperfine, medians to a JSON file: hf NAME [--prepare CMD] -- CMD...
 echo "== micro-benchmarks (Google Benchmark, same process)"
 "$bin/ota_bench" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
   --benchmark_out="$work/micro.json" --benchmark_out_format=json \
-  --benchmark_filter='Sha256|Ed25519|Gunzip' >/dev/null 2>"$work/micro.err"
+  --benchmark_filter='Sha256|Ed25519|Gunzip|CatalogWalk' >/dev/null 2>"$work/micro.err"
 micro() {  # the median of a benchmark's time per iteration, or its bytes per second
   python3 - "$work/micro.json" "$1" "$2" <<'EOF'
 import json, sys
@@ -59,6 +59,13 @@ sodium=$(micro "BM_Ed25519Verify_Libsodium/64" cpu_time)
 row "Ed25519 verify, 64-byte message" "$(python3 -c "print(f'{$ours/1e3:.1f} us')")" \
   "OpenSSL $(python3 -c "print(f'{$openssl/1e3:.1f} us')"), libsodium $(python3 -c "print(f'{$sodium/1e3:.1f} us')")" \
   "$(ratio "$ours" "$openssl")x OpenSSL's time, $(ratio "$ours" "$sodium")x libsodium's"
+for kind in 0 1; do
+  ours=$(micro "BM_CatalogWalk_InOrder/$kind" cpu_time)
+  top=$(micro "BM_CatalogWalk_FromTheTop/$kind" cpu_time)
+  what=$([ "$kind" = 0 ] && echo "277 package lines" || echo "4677 shortest package lines")
+  row "walk of a 32 KiB catalog, $what" "$(python3 -c "print(f'{$ours:.1f} us')")" \
+    "every lookup from the top $(python3 -c "print(f'{$top:.0f} us')")" "$(python3 -c "print(f'{$top / $ours:.0f}')")x faster"
+done
 if python3 -c "import json,sys; sys.exit(0 if any(b['name'].startswith('BM_Gunzip_Ota') for b in json.load(open('$work/micro.json'))['benchmarks']) else 1)"; then
   ours=$(micro BM_Gunzip_Ota bytes_per_second)
   zlib=$(micro BM_Gunzip_Zlib bytes_per_second)

@@ -20,14 +20,14 @@ constexpr usize kPackageTagLength = 6;
 constexpr usize kVersionTextBytes = 24;
 
 int reject_catalog(const char* msg, const char* extra) {
-  catalog.length = 0;
+  hold_catalog_text(0);
   return fail(msg, extra);
 }
 
 }  // namespace
 
 int load_catalog(bool verbose) {
-  catalog.length = 0;
+  hold_catalog_text(0);
   if (load_source_settings() != 0) return 1;
   load_device_name();
   if (!load_trusted_keys()) return fail("ota: no trusted key -- nothing is done", nullptr);
@@ -47,8 +47,7 @@ int load_catalog(bool verbose) {
 
   i64 n = read_file(local, catalog.text, kCatalogBytes);
   if (n <= 0) return reject_catalog("ota: cannot fetch: ", "VERZEICHNIS");
-  catalog.length = static_cast<usize>(n);
-  catalog.text[n] = 0;
+  hold_catalog_text(static_cast<usize>(n));
   if (read_file(local_sig, trust.signature, kSignatureBytes) != static_cast<i64>(kSignatureBytes)) {
     return reject_catalog("ota: NO SIGNATURE for the VERZEICHNIS", nullptr);
   }

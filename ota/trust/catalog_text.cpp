@@ -8,14 +8,37 @@ CatalogText catalog;
 
 const char* catalog_end() { return catalog.text + catalog.length; }
 
+void hold_catalog_text(usize length) {
+  catalog.length = length;
+  catalog.text[length] = 0;
+  catalog.cursor.tag_length = 0;
+}
+
 const char* find_catalog_line(const char* tag, usize tag_length, u64 index) {
   const char* text = catalog.text;
-  for (usize i = 0; i < catalog.length; i++) {
+  CatalogCursor& cursor = catalog.cursor;
+  usize from = 0;
+  u64 left = index;
+  // Go on from the remembered line when it is the same tag and not past the one asked for.
+  if (cursor.tag_length != 0 && cursor.tag_length == tag_length && cursor.index <= index &&
+      cursor.at < catalog.length && mem_equal(cursor.tag, tag, tag_length)) {
+    from = cursor.at;
+    left = index - cursor.index;
+  }
+  for (usize i = from; i < catalog.length; i++) {
     if (i != 0 && text[i - 1] != '\n') continue;
     // The text is closed by a 0, so the comparison ends there at the latest.
     if (!str_equal_n(text + i, tag, tag_length)) continue;
-    if (index == 0) return text + i + tag_length;
-    index--;
+    if (left == 0) {
+      if (tag_length < kCursorTagBytes) {
+        mem_copy(cursor.tag, tag, tag_length);
+        cursor.tag_length = tag_length;
+        cursor.index = index;
+        cursor.at = i;
+      }
+      return text + i + tag_length;
+    }
+    left--;
   }
   return nullptr;
 }

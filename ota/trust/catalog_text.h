@@ -9,11 +9,29 @@ namespace ota {
 // The catalog is read into 32,767 bytes; a 0 always follows the text.
 constexpr usize kCatalogBytes = 32767;
 
+// The longest tag whose lookups are remembered ("sysfile\tfile\t" is the longest in use).
+constexpr usize kCursorTagBytes = 16;
+
+// Where the last lookup by tag stopped. The readers walk the lines of one tag in order
+// (index 0, 1, 2, ...); going on from the last match makes such a walk one pass over the
+// text instead of one pass per line.
+struct CatalogCursor {
+  char tag[kCursorTagBytes];
+  usize tag_length;  // 0: nothing is remembered
+  u64 index;
+  usize at;  // offset of the index-th line's start
+};
+
 struct CatalogText {
   char text[kCatalogBytes + 1];
   usize length;  // 0: no valid catalog is held
+  CatalogCursor cursor;
 };
 extern CatalogText catalog;
+
+// Sets the length of the text now in catalog.text, closes it with a 0 and forgets where
+// the last lookup stopped. Everything that puts new text into the buffer goes through it.
+void hold_catalog_text(usize length);
 
 // Position just after the tag of the index-th line (from 0) that begins with the tag.
 const char* find_catalog_line(const char* tag, usize tag_length, u64 index);

@@ -116,6 +116,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(line == ota::catalog.text + at[k]);
       }
     }
+    // Backwards, and alternating with another tag, the answers are the same: where the
+    // last lookup stopped only shortens the search, it never changes the result.
+    for (size_t k = at.size() < 64 ? at.size() : 64; k-- > 0;) {
+      FUZZ_CHECK(ota::find_catalog_line(tag, tag_length, k) == ota::catalog.text + at[k]);
+      ota::find_catalog_line("kette\t", 6, k);
+      FUZZ_CHECK(ota::find_catalog_line(tag, tag_length, k) == ota::catalog.text + at[k]);
+    }
   }
 
   std::vector<size_t> packages = tagged_lines(text, "paket\t");

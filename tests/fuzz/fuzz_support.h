@@ -247,5 +247,6 @@ inline void hold_text(char* buffer, size_t capacity, size_t* length, const std::
 inline std::string hold_catalog(const uint8_t* data, size_t size) {
   std::string text(reinterpret_cast<const char*>(data), size < ota::kCatalogBytes ? size : ota::kCatalogBytes);
   hold_text(ota::catalog.text, sizeof ota::catalog.text, &ota::catalog.length, text);
+  ota::hold_catalog_text(text.size());
   return text;
 }

@@ -14,8 +14,7 @@ namespace {
 
 void hold_catalog(const std::string& text) {
   memcpy(catalog.text, text.data(), text.size());
-  catalog.text[text.size()] = 0;
-  catalog.length = text.size();
+  hold_catalog_text(text.size());
 }
 
 std::string records(int first, int count) {

@@ -16,8 +16,7 @@ namespace {
 void hold_catalog(const std::string& text) {
   ASSERT_LE(text.size(), kCatalogBytes);
   memcpy(catalog.text, text.data(), text.size());
-  catalog.text[text.size()] = 0;
-  catalog.length = text.size();
+  hold_catalog_text(text.size());
 }
 
 std::string field(const char* line, u64 n, usize cap = 128) {
@@ -27,6 +26,30 @@ std::string field(const char* line, u64 n, usize cap = 128) {
 }
 
 }  // namespace
+
+// The lookup goes on from where the last one stopped; in any order, with other tags in
+// between, and after new text of the same length, the answers stay those of a fresh scan.
+TEST(CatalogLines, LookupsInAnyOrderGiveTheSameLines) {
+  hold_catalog("OTA2\npaket\ta\nkette\t1\npaket\tb\npaket\tc\nkette\t2\n");
+  auto first_char = [](const char* tag, u64 n) {
+    const char* line = find_catalog_line(tag, str_len(tag), n);
+    return line == nullptr ? '-' : *line;
+  };
+  EXPECT_EQ(first_char("paket\t", 2), 'c');
+  EXPECT_EQ(first_char("paket\t", 0), 'a');
+  EXPECT_EQ(first_char("paket\t", 1), 'b');
+  EXPECT_EQ(first_char("kette\t", 1), '2');
+  EXPECT_EQ(first_char("paket\t", 2), 'c');
+  EXPECT_EQ(first_char("paket\t", 3), '-');
+  EXPECT_EQ(first_char("kette\t", 0), '1');
+  EXPECT_EQ(first_char("paket\t", 1), 'b');
+  // Same length, other lines: nothing of the old text's positions is used.
+  hold_catalog("OTA2\nkette\t3\npaket\td\npaket\te\nkette\t4\nxxxxxxx\n");
+  EXPECT_EQ(first_char("paket\t", 1), 'e');
+  EXPECT_EQ(first_char("paket\t", 0), 'd');
+  EXPECT_EQ(first_char("paket\t", 2), '-');
+  EXPECT_EQ(first_char("kette\t", 1), '4');
+}
 
 TEST(CatalogLines, FindsTheNthLineWithATagAtLineStarts) {
   hold_catalog("OTA2\npaket\ta\nxpaket\tb\npaket\tc\n");

@@ -23,8 +23,7 @@ const TestKey stranger = TestKey::from_seed(7);
 
 void hold_catalog(const std::string& text) {
   memcpy(catalog.text, text.data(), text.size());
-  catalog.text[text.size()] = 0;
-  catalog.length = text.size();
+  hold_catalog_text(text.size());
 }
 
 void trust_state(const TestKey& trusted, u64 generation, const TestKey* spare_key) {
