@@ -366,10 +366,20 @@ struct TokenKey::Impl {
     std::string listing;
     for (const std::string& name : present) listing += (listing.empty() ? "" : ", ") + name;
     if (matching.empty()) {
-      std::string wanted = uri.get("token") ? "token " + shown(*uri.get("token")) : "the token the URI names";
-      throw Error(
-          "no " + wanted + " in the PKCS#11 module " + shown(module->path) +
-          (present.empty() ? std::string(" (it has no initialised token)") : " (tokens there: " + listing + ")"));
+      // The usual case, a token label alone, reads plainly; otherwise every attribute that
+      // chooses a token is named.
+      std::string wanted;
+      for (const char* name :
+           {"token", "manufacturer", "model", "serial", "slot-id", "slot-description", "slot-manufacturer"}) {
+        if (auto value = uri.get(name)) wanted += std::string(wanted.empty() ? "" : ", ") + name + " " + shown(*value);
+      }
+      std::string there =
+          present.empty() ? std::string(" (it has no initialised token)") : " (tokens there: " + listing + ")";
+      if (auto token = uri.get("token"); token && wanted == "token " + shown(*token)) {
+        throw Error("no token " + shown(*token) + " in the PKCS#11 module " + shown(module->path) + there);
+      }
+      throw Error("no token in the PKCS#11 module " + shown(module->path) + " matches " +
+                  (wanted.empty() ? std::string("the URI") : wanted) + there);
     }
     if (matching.size() > 1) {
       throw Error(std::to_string(matching.size()) + " tokens of the PKCS#11 module " + shown(module->path) +
