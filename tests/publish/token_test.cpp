@@ -328,6 +328,20 @@ TEST_F(TokenKeygen, AKeyInTheTokenIsNeverReplaced) {
   EXPECT_EQ(after.objects().size(), objects + 2);
 }
 
+TEST_F(TokenKeygen, APairWhosePublicKeyCannotBeWrittenIsRemovedFromTheToken) {
+  // The directory for the public key is missing: the pair is made, the file cannot be
+  // written, and the pair goes again, so the label stays free.
+  expect_refused({"keygen", "--key", SoftTokens::key("ota", "release"), "--out", work_("missing/release")},
+                 "the directory \"" + work_("missing") + "\" does not exist");
+  {
+    Inspector token("ota");
+    EXPECT_TRUE(token.objects().empty());
+  }
+  std::filesystem::create_directories(work_("missing"));
+  Outcome r = publish({"keygen", "--key", SoftTokens::key("ota", "release"), "--out", work_("missing/release")});
+  EXPECT_EQ(r.status, 0) << r.err;
+}
+
 TEST_F(TokenKeygen, AnExistingPublicKeyFileStopsItBeforeTheTokenIsTouched) {
   put(work_("taken.pub"), std::string(32, 'x'));
   expect_refused({"keygen", "--key", SoftTokens::key("ota", "release"), "--out", work_("taken")},

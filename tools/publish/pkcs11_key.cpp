@@ -28,9 +28,9 @@ constexpr std::size_t kIdBytes = 16;
 const Bytes kEd25519Oid = {0x06, 0x03, 0x2b, 0x65, 0x70};
 const Bytes kEd448Oid = {0x06, 0x03, 0x2b, 0x65, 0x71};
 const Bytes kEd25519Name = {0x13, 0x0c, 'e', 'd', 'w', 'a', 'r', 'd', 's', '2', '5', '5', '1', '9'};
+const Bytes kEd448Name = {0x13, 0x0a, 'e', 'd', 'w', 'a', 'r', 'd', 's', '4', '4', '8'};
 // CKK_EC_MONTGOMERY of PKCS#11 3.0, which older headers lack.
 constexpr CK_KEY_TYPE kKeyTypeMontgomery = 0x41;
-const Bytes kEd448Name = {0x13, 0x0a, 'e', 'd', 'w', 'a', 'r', 'd', 's', '4', '4', '8'};
 
 std::string rv_name(CK_RV rv) {
   static const std::map<CK_RV, const char*> kNames = {

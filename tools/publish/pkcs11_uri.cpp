@@ -138,19 +138,6 @@ std::optional<std::string> Pkcs11Uri::get(const std::string& name) const {
   return std::nullopt;
 }
 
-std::string Pkcs11Uri::describe() const {
-  std::string text;
-  if (auto object = get("object")) {
-    text = "key " + shown(*object);
-  } else if (auto id = get("id")) {
-    text = "the key with id " + hex_lower(reinterpret_cast<const std::uint8_t*>(id->data()), id->size());
-  } else {
-    text = "the key";
-  }
-  if (auto token = get("token")) text += " in token " + shown(*token);
-  return text;
-}
-
 bool is_pkcs11_uri(std::string_view text) {
   static const std::string_view kScheme = "pkcs11:";
   if (text.size() < kScheme.size()) return false;

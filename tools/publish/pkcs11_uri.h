@@ -7,7 +7,6 @@
 // character the URI syntax does not allow or a broken percent escape is refused with a
 // message naming it. A signing tool that silently skipped a misspelt "objcet=" would sign
 // with whatever other key happened to match.
-#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -20,9 +19,6 @@ struct Pkcs11Uri {
   std::map<std::string, std::string> query;  // attribute name -> decoded value
 
   std::optional<std::string> get(const std::string& name) const;
-  // The URI's object in words for messages, e.g. `object "release" in token "ota"`; never
-  // shows a PIN.
-  std::string describe() const;
 };
 
 // True when the text is meant as a PKCS#11 URI (the scheme is case-insensitive).
