@@ -633,6 +633,7 @@ TEST_F(TokenUri, MalformedUrisAreRefusedBeforeAnyTokenIsOpened) {
       {"pkcs11:token=ota;type=secret?module-path=" + module, "type \"secret\" is not one of"},
       {"pkcs11:token=ota;slot-id=one?module-path=" + module, "slot-id \"one\" is not a decimal number"},
       {"pkcs11:token=ota;library-version=2.x?module-path=" + module, "library-version \"2.x\""},
+      {"pkcs11:token=ota;library-version=2.256?module-path=" + module, "library-version \"2.256\""},
       {"pkcs11:token=ota?module-path=" + module + "&pin-value=1&pin-source=file:/p", "both pin-value and pin-source"},
       {"pkcs11:token=ota?module-path=" + module + "#frag", "no fragment"},
       {"pkcs11:token=ota?", "a \"?\" with no query attribute"},

@@ -94,9 +94,14 @@ void check_value(const std::string& name, const std::string& value) {
       throw Error("PKCS#11 URI slot-id " + shown(value) + " is not a decimal number");
     }
   } else if (name == "library-version") {
+    // Each part is one byte of a CK_VERSION.
+    auto part_ok = [](std::string_view part) {
+      return all_digits(part) && part.size() <= 3 && std::stoi(std::string(part)) <= 255;
+    };
     std::size_t dot = value.find('.');
-    bool ok = dot == std::string::npos ? all_digits(value)
-                                       : all_digits(value.substr(0, dot)) && all_digits(value.substr(dot + 1));
+    bool ok = dot == std::string::npos
+                  ? part_ok(value)
+                  : part_ok(std::string_view(value).substr(0, dot)) && part_ok(std::string_view(value).substr(dot + 1));
     if (!ok) throw Error("PKCS#11 URI library-version " + shown(value) + " is not MAJOR or MAJOR.MINOR");
   }
 }
