@@ -149,8 +149,7 @@ std::shared_ptr<Module> load_module(const Pkcs11Uri& uri) {
   if (get_list == nullptr) {
     dlclose(handle);
     throw Error("cannot load the PKCS#11 module " + shown(*path) +
-                ": it has no C_GetFunctionList, so it is not a "
-                "PKCS#11 module");
+                ": it has no C_GetFunctionList, so it is not a PKCS#11 module");
   }
   auto module = std::make_shared<Module>();
   module->path = *path;
@@ -164,8 +163,9 @@ std::shared_ptr<Module> load_module(const Pkcs11Uri& uri) {
   }
   rv = module->f->C_Initialize(nullptr);
   if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
+    bool softhsm = path->find("softhsm") != std::string::npos;
     throw Error("the PKCS#11 module " + shown(*path) + " did not start: " + rv_name(rv) +
-                " (for SoftHSM2: is SOFTHSM2_CONF set to a readable configuration?)");
+                (softhsm ? " (does SOFTHSM2_CONF name a readable configuration?)" : ""));
   }
   module->finalize = rv == CKR_OK;
   loaded[*path] = module;
@@ -498,9 +498,7 @@ struct TokenKey::Impl {
       throw Error(key_words() + " is an Ed448 key; devices check Ed25519 signatures only");
     }
     if (params && *params != kEd25519Oid && *params != kEd25519Name) {
-      throw Error(key_words() +
-                  " is an Edwards key of a curve other than Ed25519; devices check Ed25519 signatures "
-                  "only");
+      throw Error(key_words() + " is an Edwards key of another curve; devices check Ed25519 signatures only");
     }
   }
 
