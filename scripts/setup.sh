@@ -6,6 +6,7 @@ packages=(
   cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev libssl-dev zlib1g-dev
   libsodium-dev libdeflate-dev libdeflate-tools libclang-rt-14-dev
   mtools dosfstools gzip pigz curl nginx-light mandoc
+  libp11-kit-dev softhsm2
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -93,7 +93,8 @@ make_placeholders() {
 }
 
 # Keeps a copy of every source directory each time it offers a new version or build, so
-# that devices can be shown an older catalog after a newer one.
+# that devices can be shown an older catalog after a newer one. A source built unsigned is
+# copied again once its signature is there.
 snapshot_sources() {
   local listing dir key
   while read -r listing; do
@@ -101,7 +102,11 @@ snapshot_sources() {
     key=$(awk -F'\t' '$1 == "fassung" { print "version-" $2; exit } $1 == "system" { print "build-" $2; exit }' "$listing")
     [ -z "$key" ] && continue
     key="$(echo "${dir#./}" | tr '/' '_')@$key"
-    [ -d "snap/$key" ] || { mkdir -p snap && cp -a "$dir" "snap/$key"; }
+    if [ -d "snap/$key" ] && { [ -e "snap/$key/VERZEICHNIS.sig" ] || [ ! -e "$dir/VERZEICHNIS.sig" ]; }; then
+      continue
+    fi
+    rm -rf "snap/$key"
+    mkdir -p snap && cp -a "$dir" "snap/$key"
   done < <(find . -path ./snap -prune -o -path ./.guide-output -prune -o -path '*/root' -prune -o -name VERZEICHNIS -print)
 }
 
@@ -272,6 +277,23 @@ new_device nospare "$v15" "" "$keys/release-1.pub"
 if device_run nospare 1 search; then
   expect_line "no spare key" "ota: KEY CHANGE: the chain is BROKEN -- REJECTED"
   expect_same "no spare key" nospare/root/system/schluessel.pub "$keys/release-1.pub"
+fi
+
+# Keys in a token: a device at generation 0 walks three key changes, the last one to the
+# key in the token, and takes version 16, signed in the token; version 17, built unsigned
+# and signed through the token afterwards, is installed like any other.
+v16=$(snap out_pakete@version-16) || exit 1
+v17=$(snap out_pakete@version-17) || exit 1
+new_device token "$v16" "" "$keys/release-1.pub" "$keys/spare.pub"
+if device_run token 0 search; then
+  expect_line "token key change" "ota: KEY CHANGE accepted, new generation 3"
+  expect_same "token key change" token/root/system/schluessel.pub "$keys/token-1.pub"
+  expect_file "token key change" token/root/system/SCHLUESSELGEN "00000003"
+fi
+new_device offline "$v17" "" "$keys/release-1.pub" "$keys/spare.pub"
+if device_run offline 0 apply; then
+  expect_line "offline-signed version 17" "ota: READY FOR RESTART -- it will NOT"
+  expect_file "offline-signed version 17" offline/root/system/FASSUNG "00000017"
 fi
 
 # A system release: offered to a device at min_from, too old for one below it, and staged

@@ -13,7 +13,7 @@
 namespace publish {
 
 const char kCatalogHelp[] =
-    "usage: ota-publish catalog --key KEY --out DIR --version N\n"
+    "usage: ota-publish catalog (--key KEY | --unsigned) --out DIR --version N\n"
     "                           [--package NAME:WORD:FILE[:PLATFORM]]...\n"
     "                           [--block V]... [--chain FILE]... [--spare PUB]\n"
     "                           [--extra-line TEXT]... [--test-source] [--force]\n"
@@ -34,6 +34,11 @@ const char kCatalogHelp[] =
     "    Without :PLATFORM the line has five fields (\"no platform given\"), which tavi\n"
     "    devices skip. NAME and WORD cannot contain \":\"; FILE cannot either when a\n"
     "    PLATFORM follows.\n"
+    "--key KEY     the signing key: a PEM private key file, or a PKCS#11 URI (pkcs11:...)\n"
+    "              of a key in a token, which signs with CKM_EDDSA (see keygen --help)\n"
+    "--unsigned    write everything but VERZEICHNIS.sig, INDEX.sig and the packages' .sig\n"
+    "              files, to be signed on another machine with `ota-publish sign` and\n"
+    "              checked with `ota-publish check` when it comes back\n"
     "--version N   the version offered, 1 to 99999999 (devices store it as eight digits)\n"
     "--block V     withdraw version V (repeatable, at most 64, 1 to 99999999)\n"
     "--chain FILE  carry the key changes in FILE, written by `ota-publish chain`\n"
@@ -146,23 +151,23 @@ int catalog_command(int argc, char** argv) {
     if (p.platform) text += "\t" + *p.platform;
     text += "\n";
     index += p.name + "\t" + std::to_string(version) + "\t" + p.file + "\t" + p.sha + "\n";
-    Signature sig = common.key->sign(p.data);
+    std::optional<Signature> sig = sign_release_file(common, p.data);
     files.add(p.file, std::move(p.data), "package file " + p.path);
-    files.add(p.file + ".sig", Bytes(sig.begin(), sig.end()), "signature of " + p.path);
+    if (sig) files.add(p.file + ".sig", Bytes(sig->begin(), sig->end()), "signature of " + p.path);
   }
   text += trailing_lines(common);
   check_catalog_size(text);
 
   Bytes catalog = as_bytes(text);
-  Signature catalog_sig = common.key->sign(catalog);
+  std::optional<Signature> catalog_sig = sign_release_file(common, catalog);
   Bytes index_bytes = as_bytes(index);
-  Signature index_sig = common.key->sign(index_bytes);
+  std::optional<Signature> index_sig = sign_release_file(common, index_bytes);
 
   StagedDirectory dir(common.out, common.force);
   dir.write("VERZEICHNIS", catalog);
-  dir.write("VERZEICHNIS.sig", Bytes(catalog_sig.begin(), catalog_sig.end()));
+  if (catalog_sig) dir.write("VERZEICHNIS.sig", Bytes(catalog_sig->begin(), catalog_sig->end()));
   dir.write("INDEX", index_bytes);
-  dir.write("INDEX.sig", Bytes(index_sig.begin(), index_sig.end()));
+  if (index_sig) dir.write("INDEX.sig", Bytes(index_sig->begin(), index_sig->end()));
   for (const auto& [name, data] : files.files()) dir.write(name, data);
   dir.commit();
 
@@ -171,8 +176,13 @@ int catalog_command(int argc, char** argv) {
       "change(s)\n",
       common.out.c_str(), static_cast<unsigned long long>(version), packages.size(), mine.size(), common.blocked.size(),
       common.chain.size());
-  std::printf("ota-publish: VERZEICHNIS %zu of 32767 bytes, signed by %s\n", text.size(),
-              hex_lower(common.key_public.data(), common.key_public.size()).c_str());
+  std::printf("ota-publish: VERZEICHNIS %zu of 32767 bytes, %s\n", text.size(), signed_by(common).c_str());
+  std::vector<std::string> to_sign = {"VERZEICHNIS", "INDEX"};
+  std::set<std::string> package_files;
+  for (const Package& p : packages) {
+    if (package_files.insert(p.file).second) to_sign.push_back(p.file);
+  }
+  print_unsigned_note(common, to_sign);
   for (const Package& p : packages) {
     if (!p.platform) {
       std::fprintf(stderr, "ota-publish: note: package %s names no platform; tavi devices skip it\n", p.name.c_str());

@@ -16,6 +16,7 @@ int catalog_command(int argc, char** argv);
 int system_command(int argc, char** argv);
 int kernel_command(int argc, char** argv);
 int check_command(int argc, char** argv);
+int sign_command(int argc, char** argv);
 
 extern const char kKeygenHelp[];
 extern const char kChainHelp[];
@@ -23,5 +24,6 @@ extern const char kCatalogHelp[];
 extern const char kSystemHelp[];
 extern const char kKernelHelp[];
 extern const char kCheckHelp[];
+extern const char kSignHelp[];
 
 }  // namespace publish

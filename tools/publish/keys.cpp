@@ -4,6 +4,9 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
+#include "pkcs11_key.h"
+#include "pkcs11_uri.h"
+
 namespace publish {
 
 namespace {
@@ -33,7 +36,12 @@ void PrivateKey::Free::operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
 
 PrivateKey::~PrivateKey() = default;
 
+PrivateKey::PrivateKey(std::shared_ptr<TokenKey> token) : token_(std::move(token)) {}
+
+PrivateKey PrivateKey::generate_in_token(const std::string& uri) { return PrivateKey(TokenKey::generate(uri)); }
+
 PrivateKey PrivateKey::load(const std::string& path) {
+  if (is_pkcs11_uri(path)) return PrivateKey(TokenKey::open(path));
   Bytes pem = read_file(path, "private key");
   std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
   if (!bio) throw Error("libcrypto could not open a memory buffer");
@@ -60,6 +68,7 @@ PrivateKey PrivateKey::generate() {
 }
 
 PublicKey PrivateKey::public_key() const {
+  if (token_) return token_->public_key();
   PublicKey out{};
   std::size_t len = out.size();
   if (EVP_PKEY_get_raw_public_key(key_.get(), out.data(), &len) != 1 || len != out.size()) {
@@ -69,6 +78,7 @@ PublicKey PrivateKey::public_key() const {
 }
 
 Signature PrivateKey::sign(const std::uint8_t* message, std::size_t length) const {
+  if (token_) return token_->sign(message, length);
   std::unique_ptr<EVP_MD_CTX, CtxFree> ctx(EVP_MD_CTX_new());
   Signature sig{};
   std::size_t sig_len = sig.size();
@@ -81,6 +91,7 @@ Signature PrivateKey::sign(const std::uint8_t* message, std::size_t length) cons
 }
 
 std::string PrivateKey::pem() const {
+  if (token_) throw Error("a key in a token has no PEM text; it never leaves the token");
   std::unique_ptr<BIO, BioFree> bio(BIO_new(BIO_s_mem()));
   if (!bio || PEM_write_bio_PKCS8PrivateKey(bio.get(), key_.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) {
     throw Error("cannot write the private key as PEM: " + openssl_reason());

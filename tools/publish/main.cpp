@@ -11,10 +11,11 @@ namespace publish {
 namespace {
 
 const Command kCommands[] = {
-    {"keygen", keygen_command, "make an Ed25519 key pair (PREFIX.key, PREFIX.pub)", kKeygenHelp},
+    {"keygen", keygen_command, "make an Ed25519 key pair (PREFIX.key or in a token, PREFIX.pub)", kKeygenHelp},
     {"chain", chain_command, "sign one key change (a \"kette\" line)", kChainHelp},
     {"catalog", catalog_command, "build a signed package source", kCatalogHelp},
     {"system", system_command, "build a signed system source", kSystemHelp},
+    {"sign", sign_command, "sign files of a source built with --unsigned (FILE.sig)", kSignHelp},
     {"kernel", kernel_command, "write a stand-in kernel image for the simulator", kKernelHelp},
     {"check", check_command, "check a source as a device would", kCheckHelp},
 };

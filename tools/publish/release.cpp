@@ -1,5 +1,6 @@
 #include "release.h"
 
+#include <cstdio>
 #include <set>
 
 #include "limits.h"
@@ -8,9 +9,9 @@
 namespace publish {
 
 std::vector<OptionRule> release_options(bool with_test_source) {
-  std::vector<OptionRule> rules = {{"--key", true, false},      {"--out", true, false},   {"--force", false, false},
-                                   {"--chain", true, true},     {"--spare", true, false}, {"--block", true, true},
-                                   {"--extra-line", true, true}};
+  std::vector<OptionRule> rules = {{"--key", true, false},       {"--out", true, false},      {"--force", false, false},
+                                   {"--chain", true, true},      {"--spare", true, false},    {"--block", true, true},
+                                   {"--extra-line", true, true}, {"--unsigned", false, false}};
   if (with_test_source) rules.push_back({"--test-source", false, false});
   return rules;
 }
@@ -20,7 +21,11 @@ ReleaseCommon read_release_common(const Args& args) {
   common.out = args.required("--out");
   common.force = args.has("--force");
   common.test_source = args.has("--test-source");
-  args.required("--key");
+  common.unsigned_output = args.has("--unsigned");
+  if (common.unsigned_output && args.has("--key")) {
+    throw UsageError("--unsigned writes no signature, so it takes no --key (sign later with ota-publish sign)");
+  }
+  if (!common.unsigned_output) args.required("--key");
 
   std::set<std::uint64_t> seen;
   for (const std::string& text : args.all("--block")) {
@@ -59,14 +64,52 @@ ReleaseCommon read_release_common(const Args& args) {
 }
 
 void finish_release_common(const Args& args, ReleaseCommon& common) {
-  common.key = PrivateKey::load(args.required("--key"));
-  common.key_public = common.key->public_key();
   std::vector<ChainLine> lines;
   for (const std::string& path : args.all("--chain")) {
     std::vector<ChainLine> more = read_chain_file(path);
     lines.insert(lines.end(), more.begin(), more.end());
   }
+  if (common.unsigned_output) {
+    // The signer is not known yet. The key changes are still checked among themselves;
+    // whether the signature comes from the newest key of the run (or the spare key) is
+    // for `ota-publish check` to see once the source is signed.
+    const ChainLine* newest = nullptr;
+    for (const ChainLine& line : lines) {
+      if (newest == nullptr || line.generation > newest->generation) newest = &line;
+    }
+    if (newest != nullptr) common.key_public = newest->key;
+  } else {
+    common.key = PrivateKey::load(args.required("--key"));
+    common.key_public = common.key->public_key();
+  }
   common.chain = check_chain_lines(lines, common.key_public, common.spare);
+}
+
+std::optional<Signature> sign_release_file(const ReleaseCommon& common, const Bytes& data) {
+  if (common.unsigned_output) return std::nullopt;
+  return common.key->sign(data);
+}
+
+std::string signed_by(const ReleaseCommon& common) {
+  if (common.unsigned_output) return "UNSIGNED";
+  return "signed by " + hex_lower(common.key_public.data(), common.key_public.size());
+}
+
+void print_unsigned_note(const ReleaseCommon& common, const std::vector<std::string>& to_sign) {
+  if (!common.unsigned_output) return;
+  std::string names;
+  for (const std::string& name : to_sign) names += " " + name;
+  std::printf("ota-publish: not signed yet; sign%s\n", names.c_str());
+  std::printf("ota-publish: (ota-publish sign --key KEY %s), then ota-publish check it before serving it\n",
+              common.out.c_str());
+  const ChainLine* newest = nullptr;
+  for (const ChainLine& line : common.chain) {
+    if (newest == nullptr || line.generation > newest->generation) newest = &line;
+  }
+  if (newest != nullptr) {
+    std::printf("ota-publish: KEY must be the key of generation %llu (%s) or the spare key\n",
+                static_cast<unsigned long long>(newest->generation), newest->key_field.c_str());
+  }
 }
 
 std::string trailing_lines(const ReleaseCommon& common) {

@@ -19,6 +19,9 @@ std::vector<OptionRule> release_options(bool with_test_source);
 struct ReleaseCommon {
   std::string out;
   bool force = false;
+  // --unsigned: everything but the signature files is written, to be signed elsewhere
+  // (ota-publish sign) and checked when it comes back.
+  bool unsigned_output = false;
   bool test_source = false;  // allows what a device refuses loudly; never what it cuts
   std::optional<PrivateKey> key;
   PublicKey key_public{};
@@ -32,6 +35,14 @@ struct ReleaseCommon {
 // signing key: call finish_release_common after loading it).
 ReleaseCommon read_release_common(const Args& args);
 void finish_release_common(const Args& args, ReleaseCommon& common);
+
+// The signature of a file of the source, or none for an --unsigned source.
+std::optional<Signature> sign_release_file(const ReleaseCommon& common, const Bytes& data);
+// "signed by <key hex>", or "UNSIGNED", for the report of a release.
+std::string signed_by(const ReleaseCommon& common);
+// For an --unsigned source, the lines that say which files still need a signature, and
+// with which key; nothing for a signed one.
+void print_unsigned_note(const ReleaseCommon& common, const std::vector<std::string>& to_sign);
 
 // The "gesperrt", "kette" and extra lines, in that order.
 std::string trailing_lines(const ReleaseCommon& common);

@@ -14,7 +14,8 @@
 namespace publish {
 
 const char kSystemHelp[] =
-    "usage: ota-publish system --key KEY --out DIR --build B --commit C [--min-from M]\n"
+    "usage: ota-publish system (--key KEY | --unsigned) --out DIR --build B --commit C\n"
+    "                          [--min-from M]\n"
     "                          --kernel FILE [--gzip-kernel] [--notes FILE]\n"
     "                          [--roots FILE] [--gzip-roots] [--file TARGET=PATH[:gz]]...\n"
     "                          [--link LINKPATH=/bin/NAME]... [--block V]... [--chain FILE]...\n"
@@ -40,7 +41,8 @@ const char kSystemHelp[] =
     "               characters; \"kernel\" and \"roots\" are taken. \":gz\" adds a gzip variant.\n"
     "--link LINKPATH=/bin/NAME\n"
     "               a hard link at LINKPATH (an allowed absolute path) to the program NAME\n"
-    "--block, --chain, --spare, --extra-line, --force: as for `ota-publish catalog`.\n"
+    "--key, --unsigned (which leaves out VERZEICHNIS.sig), --block, --chain, --spare,\n"
+    "--extra-line, --force: as for `ota-publish catalog`.\n"
     "Nothing is written unless every check passes, the overlay journal a device writes\n"
     "(at most 7900 bytes) included.\n";
 
@@ -178,17 +180,18 @@ int system_command(int argc, char** argv) {
   check_catalog_size(text);
 
   Bytes manifest = as_bytes(text);
-  Signature sig = common.key->sign(manifest);
+  std::optional<Signature> sig = sign_release_file(common, manifest);
   StagedDirectory dir(common.out, common.force);
   dir.write("VERZEICHNIS", manifest);
-  dir.write("VERZEICHNIS.sig", Bytes(sig.begin(), sig.end()));
+  if (sig) dir.write("VERZEICHNIS.sig", Bytes(sig->begin(), sig->end()));
   for (const auto& [name, data] : files.files()) dir.write(name, data);
   dir.commit();
 
   std::printf("ota-publish: wrote %s: build %llu, commit %s, %zu overlay file(s), %zu link(s)\n", common.out.c_str(),
               static_cast<unsigned long long>(build), commit.c_str(), file_targets.size(), links.size());
-  std::printf("ota-publish: VERZEICHNIS %zu of 32767 bytes, overlay journal %zu of 7900 bytes, signed by %s\n",
-              text.size(), journal, hex_lower(common.key_public.data(), common.key_public.size()).c_str());
+  std::printf("ota-publish: VERZEICHNIS %zu of 32767 bytes, overlay journal %zu of 7900 bytes, %s\n", text.size(),
+              journal, signed_by(common).c_str());
+  print_unsigned_note(common, {"VERZEICHNIS"});
   return 0;
 }
 
