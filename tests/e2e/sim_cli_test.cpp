@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tavisim/boot.h"
 #include "tavisim/device.h"
 
 namespace tavisim {
@@ -171,6 +172,45 @@ TEST_F(SimCli, BootStartsTheMachineAndRunsTheStartUpEntry) {
   EXPECT_EQ(c.status, 3);
 }
 
+TEST_F(SimCli, BootPicksAnEntryByHandAndFirmwareShowsTheRememberedEntry) {
+  init({"--esp", "sda1"});
+  std::string image = dev_ + "/disks/sda1.img";
+  fat_write(image, "limine.conf",
+            "remember_last_entry: yes\ndefault_entry: 2\n/tavi\n    path: boot():/tavi.mb\n"
+            "/tavi (update)\n    path: boot():/tavi-b.mb\n");
+  fat_write(image, "tavi-b.mb", stand_in_kernel(2, "bbbbbbb", false));
+  EXPECT_EQ(sim({"set", dev_, "start-entry", "-"}).status, 0);
+  EXPECT_EQ(sim({"firmware", dev_}).out, "");
+  Cli c = sim({"boot", dev_, "-v"});
+  EXPECT_EQ(c.status, 0) << c.err;
+  EXPECT_EQ(c.err, "tavi-sim boot: sda1 entry 2 /tavi-b.mb build 2 commit bbbbbbb broken\n");
+  EXPECT_EQ(sim({"firmware", dev_}).out, "last-booted-entry\ttavi (update)\n");
+  c = sim({"boot", dev_, "-v", "--pick", "1"});
+  EXPECT_EQ(c.err, "tavi-sim boot: sda1 entry 1 /tavi.mb build 1 commit 0000000 healthy, picked by hand\n");
+  c = sim({"boot", dev_, "-v"});
+  EXPECT_EQ(c.err, "tavi-sim boot: sda1 entry 1 /tavi.mb build 1 commit 0000000 healthy, the remembered entry\n");
+  c = sim({"boot", dev_, "--pick", "9"});
+  EXPECT_EQ(c.status, 3);
+  EXPECT_EQ(sim({"boot", dev_, "--pick"}).status, 2);
+  EXPECT_EQ(sim({"firmware", dev_, "clear"}).status, 0);
+  EXPECT_EQ(sim({"firmware", dev_}).out, "");
+  EXPECT_EQ(slurp(dev_ + "/firmware.state"),
+            "# tavi-sim firmware state: the boot loader's variables, kept across restarts\n");
+  EXPECT_EQ(sim({"firmware", dev_, "forget"}).status, 2);
+
+  // A broken entry B the loader remembers: the kernel's fallback restarts into it again,
+  // so the machine is still restarting after every start allowed.
+  EXPECT_EQ(sim({"set", dev_, "boot-tries", "1"}).status, 0);
+  std::ofstream(dev_ + "/root/system/ERPROBUNG") << "gen=00000003 vor=00000003 v=00 ok=0\n";
+  EXPECT_EQ(sim({"boot", dev_}).status, 0);  // entry 2, the trial's first start
+  c = sim({"boot", dev_, "-v", "--restarts", "1"});
+  EXPECT_EQ(c.status, 250);
+  const std::string again =
+      ": the kernel fell back, but the boot loader starts entry 2 again (it remembers it); restarting\n";
+  EXPECT_EQ(c.err, "tavi-sim boot: sda1 entry 2 /tavi-b.mb, trial start 2" + again +
+                       "tavi-sim boot: sda1 entry 2 /tavi-b.mb, trial start 3" + again);
+}
+
 TEST_F(SimCli, ClockShowsAndAdvancesVirtualTime) {
   init();
   EXPECT_EQ(sim({"clock", dev_}).out, "0.000\n");
@@ -179,7 +219,7 @@ TEST_F(SimCli, ClockShowsAndAdvancesVirtualTime) {
 }
 
 TEST_F(SimCli, EveryCommandHasHelp) {
-  for (const char* cmd : {"init", "run", "boot", "events", "esp", "conf", "set", "add", "unset", "clock"}) {
+  for (const char* cmd : {"init", "run", "boot", "firmware", "events", "esp", "conf", "set", "add", "unset", "clock"}) {
     Cli c = sim({cmd, "--help"});
     EXPECT_EQ(c.status, 0) << cmd;
     EXPECT_EQ(c.out.rfind(std::string("usage: tavi-sim ") + cmd, 0), 0u) << cmd << ": " << c.out;

@@ -349,6 +349,44 @@ TEST_F(SystemApplyTest, ApplyRestartRestartsIntoTheStagedKernel) {
   EXPECT_EQ(device().esp_read("sda1", "tavi-b.mb").value_or(""), kernel);
 }
 
+TEST_F(SystemApplyTest, AKernelTheBootLoaderWouldNotStartIsStagedAndTheMachineStandsAtTheBootLoader) {
+  // The offered kernel's multiboot1 header asks for text mode (flags 0x00010000, the
+  // checksum made good again); the header of this stand-in lies at offset 60. The device
+  // takes a kernel by its size and hash only, so the check that guards against it is the
+  // publisher's, which refuses to publish it.
+  std::string image = tavisim::stand_in_kernel(kNewBuild, kNewCommit);
+  const uint32_t flags = 0x00010000;
+  const uint32_t sum = 0u - 0x1BADB002u - flags;
+  for (int i = 0; i < 4; i++) {
+    image[64 + i] = static_cast<char>((flags >> (8 * i)) & 0xff);
+    image[68 + i] = static_cast<char>((sum >> (8 * i)) & 0xff);
+  }
+  std::string path = host_file("text-mode.mb", image);
+  ToolResult refused = publish({"system", "--key", key("release") + ".key", "--out", system_dir(), "--build",
+                                std::to_string(kNewBuild), "--commit", kNewCommit, "--kernel", path});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.output.find("ota-publish: kernel file \"" + path +
+                                "\" would not start under Limine on UEFI: its multiboot1 header at offset 60 asks "
+                                "for text mode only (flags 0x00010000, bit 2 not set)"),
+            std::string::npos)
+      << refused.output;
+
+  serve_system_text(manifest_head(image));
+  RunResult r = device().run({"system", "apply"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, check_lines() + "system: staged in slot B, restart to install\n");
+  // Limine on UEFI panics over the header: no kernel runs, no start is counted, nothing
+  // falls back, however often the machine is switched on.
+  for (int start = 1; start <= 2; start++) {
+    tavisim::BootResult b = restart_machine();
+    EXPECT_FALSE(b.booted);
+    EXPECT_EQ(b.entry, 2);
+    EXPECT_EQ(b.stuck, "PANIC: multiboot1: Cannot use text mode with UEFI.");
+  }
+  EXPECT_EQ(file("/system/ERPROBUNG"), "gen=00000003 vor=00000003 v=00 ok=0\n");
+  expect_esp_menu(kStagedMenu);
+}
+
 TEST_F(SystemApplyTest, TheWordsAfterApplyComeInAnyOrderAndUnknownOnesAreIgnored) {
   publish_system();
   RunResult r = device().run({"system", "apply", "now", "restart", "please"});

@@ -3,6 +3,7 @@
 // system searches, and that nothing is applied while a trial is open.
 #include <sys/stat.h>
 
+#include "tavisim/boot.h"
 #include "trial_support.h"
 
 using namespace e2e;
@@ -55,7 +56,7 @@ class ServiceTest : public SourceTest {
     std::string dir = scratch("system");
     device().add_repo(kSystemBase, dir);
     std::string kernel = work_ + "/kernel.mb";
-    write_all(kernel, "TAVI-KERNEL build=10 commit=abcdef1 health=good\n");
+    write_all(kernel, tavisim::stand_in_kernel(10, "abcdef1"));
     std::vector<std::string> words = {"system", "--key", key("release") + ".key", "--out", dir + "/stable",
                                       "--commit", "abcdef1", "--kernel", kernel, "--force"};
     words.insert(words.end(), options.begin(), options.end());

@@ -237,4 +237,60 @@ TEST_F(CheckSystemTest, RefusesAMissingKernelEntryAndBadOverlayLines) {
   EXPECT_NE(r.err.find("no system line"), std::string::npos) << r.err;
 }
 
+// A gzip member of data, made with zlib.
+std::string gzip(const std::string& data) {
+  z_stream z{};
+  EXPECT_EQ(deflateInit2(&z, 9, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY), Z_OK);
+  std::string out(deflateBound(&z, data.size()) + 64, '\0');
+  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+  z.avail_in = static_cast<uInt>(data.size());
+  z.next_out = reinterpret_cast<Bytef*>(out.data());
+  z.avail_out = static_cast<uInt>(out.size());
+  EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
+  out.resize(z.total_out);
+  deflateEnd(&z);
+  return out;
+}
+
+TEST_F(CheckSystemTest, RefusesAKernelLimineOnUefiWouldNotStartWhetherPlainOrPacked) {
+  // The stand-in kernel with its header's flags changed to text mode and the checksum made
+  // good again: 4096 bytes, the header at offset 52.
+  std::string text_mode = get(s("tavi.mb"));
+  const std::uint32_t flags = 0x00010000;
+  const std::uint32_t sum = 0u - 0x1BADB002u - flags;
+  for (int i = 0; i < 4; ++i) {
+    text_mode[56 + i] = static_cast<char>((flags >> (8 * i)) & 0xff);
+    text_mode[60 + i] = static_cast<char>((sum >> (8 * i)) & 0xff);
+  }
+  std::string text = get(s("sys/VERZEICHNIS"));
+  std::string sha = sha256_hex(get(s("tavi.mb")));
+  std::string packed = gzip(text_mode);
+  put(s("sys/tavi.mb.gz"), packed);
+  put(s("sys/tavi.mb"), text_mode);
+  std::string announced = text;
+  announced.replace(announced.find(sha), 64, sha256_hex(text_mode));
+  std::size_t gz_line = announced.find("sysgz\tkernel\t");
+  std::size_t gz_end = announced.find('\n', gz_line);
+  announced.replace(gz_line, gz_end - gz_line,
+                    "sysgz\tkernel\t" + sha256_hex(packed) + "\t" + std::to_string(packed.size()) + "\ttavi.mb.gz");
+  const std::string reason =
+      "check: PROBLEM: kernel \"tavi.mb\" would not start under Limine on UEFI: its multiboot1 header at offset 52 "
+      "asks for text mode only (flags 0x00010000, bit 2 not set), and Limine on UEFI stops with \"PANIC: multiboot1: "
+      "Cannot use text mode with UEFI.\"\n";
+  // A device fetches the gzip variant and unpacks it.
+  resign(announced);
+  Outcome r = check();
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("check: kernel: tavi.mb.gz"), std::string::npos) << r.out;
+  EXPECT_NE(r.err.find(reason), std::string::npos) << r.err;
+  // Without the gzip line it fetches the plain file.
+  std::string plain = announced;
+  plain.erase(gz_line, plain.find('\n', gz_line) + 1 - gz_line);
+  resign(plain);
+  r = check();
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("check: kernel: tavi.mb, 4096 bytes, hash ok"), std::string::npos) << r.out;
+  EXPECT_EQ(r.err, reason + "check: REFUSED -- 1 problem(s)\n");
+}
+
 }  // namespace

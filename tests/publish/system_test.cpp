@@ -140,12 +140,27 @@ TEST_F(SystemTest, SameInputsGiveByteIdenticalSources) {
   for (const std::string& name : names_in(s("a"))) EXPECT_EQ(get(s("a/" + name)), get(s("b/" + name))) << name;
 }
 
+// The 48 bytes of a multiboot1 header as little-endian words.
+std::string header_words(const std::vector<std::uint32_t>& words) {
+  std::string out;
+  for (std::uint32_t w : words)
+    for (int i = 0; i < 4; ++i) out += static_cast<char>((w >> (8 * i)) & 0xff);
+  return out;
+}
+
 TEST_F(SystemTest, KernelStandInImage) {
   std::string image = get(s("tavi.mb"));
   ASSERT_EQ(image.size(), 4096u);
   std::string first = "TAVI-KERNEL build=20250110 commit=a1b2c3d4e5 health=good\n";
+  ASSERT_EQ(first.size(), 57u);
   EXPECT_EQ(image.substr(0, first.size()), first);
+  // At offset 60, the first multiple of 4 after the line, a multiboot1 header: magic, flags
+  // (a video mode, load addresses given), checksum, header_addr, load_addr, load_end_addr,
+  // bss_end_addr, entry_addr, and a linear framebuffer of 1024 x 768 x 32.
+  EXPECT_EQ(hex(image.substr(60, 48)), hex(header_words({0x1BADB002, 0x00010004, 0xE4514FFA, 0x0010003C, 0x00100000,
+                                                         0, 0, 0x0010006C, 0, 1024, 768, 32})));
   for (std::size_t i = first.size(); i < image.size(); ++i) {
+    if (i >= 60 && i < 108) continue;
     ASSERT_EQ(static_cast<unsigned char>(image[i]), i % 251) << i;
   }
   Outcome r =
@@ -153,14 +168,74 @@ TEST_F(SystemTest, KernelStandInImage) {
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(get(s("bad.mb")).size(), 100u);
   EXPECT_EQ(get(s("bad.mb")).rfind("TAVI-KERNEL build=7 commit=deadbeef health=broken\n", 0), 0u);
-  r = publish({"kernel", "--build", "7", "--commit", "deadbeef", "--size", "20", "--out", s("tiny.mb")});
+  EXPECT_EQ(get(s("bad.mb")).substr(52, 4), header_words({0x1BADB002}));
+  // The line (50 bytes) and the header at 52 need 100 bytes.
+  r = publish({"kernel", "--build", "7", "--commit", "deadbeef", "--broken", "--size", "99", "--out", s("tiny.mb")});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("smaller than its first line"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("image size 99 is smaller than its first line and multiboot1 header (100 bytes)"),
+            std::string::npos)
+      << r.err;
   r = publish({"kernel", "--build", "7", "--commit", "dead", "--out", s("short.mb")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("at least 7"), std::string::npos) << r.err;
   EXPECT_FALSE(exists(s("tiny.mb")));
   EXPECT_FALSE(exists(s("short.mb")));
+}
+
+// An image such as a linker makes, of `size` bytes, with the words given at `at`.
+std::string kernel_with(std::size_t at, const std::vector<std::uint32_t>& words, std::size_t size = 6000) {
+  std::string image = "\x7f" "ELF" + std::string(size - 4, '\0');
+  // Bytes rising by 7 can never spell the magic, whose bytes are 02 b0 ad 1b.
+  for (std::size_t i = 4; i < image.size(); ++i) image[i] = static_cast<char>((i * 7) % 256);
+  image.replace(at, words.size() * 4, header_words(words));
+  return image;
+}
+
+TEST_F(SystemTest, AKernelLimineOnUefiWouldNotStartIsRefusedAndAGoodOneIsTakenAsItIs) {
+  const std::uint32_t magic = 0x1BADB002;
+  // A real kernel's header: page-aligned modules, memory information and a video mode
+  // (flags 0x7), at 4096 bytes in. It is published byte for byte.
+  std::string real = kernel_with(4096, {magic, 0x7, 0u - magic - 0x7, 0, 0, 0, 0, 0, 0, 1280, 800, 32});
+  put(s("real.mb"), real);
+  std::vector<std::string> words = base();
+  words.back() = s("real.mb");
+  Outcome r = publish(words);
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(get(s("sys/real.mb")), real);
+  EXPECT_NE(get(s("sys/VERZEICHNIS")).find("sysfile\tkernel\t" + sha256_hex(real) + "\t6000\treal.mb\n"),
+            std::string::npos);
+  std::filesystem::remove_all(s("sys"));
+
+  struct Case {
+    std::string name;
+    std::string image;
+    std::string reason;
+  };
+  std::vector<Case> cases = {
+      {"text.mb", kernel_with(4096, {magic, 0x3, 0u - magic - 0x3}),
+       "its multiboot1 header at offset 4096 asks for text mode only (flags 0x00000003, bit 2 not set), and Limine "
+       "on UEFI stops with \"PANIC: multiboot1: Cannot use text mode with UEFI.\""},
+      {"sum.mb", kernel_with(4096, {magic, 0x7, 0u - magic - 0x6}),
+       "its multiboot1 header at offset 4096 has a bad checksum (magic + flags + checksum is 0x00000001, not 0)"},
+      {"late.mb", kernel_with(8184, {magic, 0x7, 0u - magic - 0x7}, 9000),
+       "it has no multiboot1 header (the magic 0x1BADB002 at a 4-byte aligned offset within its first 8192 bytes)"},
+      {"odd.mb", kernel_with(4098, {magic, 0x7, 0u - magic - 0x7}), "it has no multiboot1 header"},
+      {"short.mb", "\x02\xb0\xad\x1b", "it is 4 bytes, too short for a multiboot1 header"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    put(s(c.name), c.image);
+    std::vector<std::string> before = names_in(s.path());
+    words.back() = s(c.name);
+    r = publish(words);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("ota-publish: kernel file \"" + s(c.name) + "\" would not start under Limine on UEFI: " +
+                         c.reason),
+              std::string::npos)
+        << r.err;
+    EXPECT_FALSE(exists(s("sys")));
+    EXPECT_EQ(names_in(s.path()), before) << "something was left behind";
+  }
 }
 
 TEST_F(SystemTest, BuildCommitAndMinFromLimits) {

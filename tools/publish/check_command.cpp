@@ -10,6 +10,7 @@
 #include "gzip.h"
 #include "key_chain.h"
 #include "limits.h"
+#include "multiboot.h"
 #include "rules.h"
 
 namespace publish {
@@ -25,7 +26,9 @@ const char kCheckHelp[] =
     "Package source: the offered version, each package file with its length, SHA-256 and\n"
     ".sig, INDEX and INDEX.sig.\n"
     "--system: the system line, the kernel entry, notes, roots, each overlay file and its\n"
-    "gzip variant (unpacked and compared), the links and the overlay journal size.\n"
+    "gzip variant (unpacked and compared), the links and the overlay journal size; the\n"
+    "kernel a device would fetch must carry a multiboot1 header that Limine on UEFI starts\n"
+    "(magic, checksum, a framebuffer asked for).\n"
     "Findings go to standard output, problems to standard error. Exit status 0 when a\n"
     "device would accept the source, 1 when it would not.\n";
 
@@ -322,7 +325,10 @@ void Checker::check_system() {
       return std::nullopt;
     }
   };
-  auto check_fetch = [&](const std::string& target, const SysEntry& e, const std::string& what, bool gz_allowed) {
+  // content, when given, receives the file a device ends up with (the unpacked one for a
+  // gzip variant), only when every check passed.
+  auto check_fetch = [&](const std::string& target, const SysEntry& e, const std::string& what, bool gz_allowed,
+                         Bytes* content = nullptr) {
     if (!is_lower_hex64(e.sha)) {
       report.problem(what + " SHA-256 " + shown(e.sha) + " is not 64 lowercase hex digits");
       return;
@@ -333,7 +339,7 @@ void Checker::check_system() {
     }
     std::optional<SysEntry> gz = gz_allowed ? gz_for(target) : std::nullopt;
     if (!gz) {
-      if (check_download(e.name, e.size, e.sha, what)) {
+      if (check_download(e.name, e.size, e.sha, what, content)) {
         report.info(what + ": " + e.name + ", " + std::to_string(e.size) + " bytes, hash ok");
       }
       return;
@@ -351,13 +357,19 @@ void Checker::check_system() {
     }
     report.info(what + ": " + gz->name + ", " + std::to_string(gz->size) + " bytes, unpacks to " +
                 std::to_string(e.size) + " bytes, hashes ok");
+    if (content) *content = std::move(unpacked);
   };
 
   const SysEntry& kernel = fixed["kernel"];
   if (!kernel.seen || kernel.size == 0 || kernel.name.empty() || kernel.sha.size() != limits::kShaHexChars) {
     report.problem("system manifest has no kernel entry (size above 0, name and 64-character SHA-256)");
   } else {
-    check_fetch("kernel", kernel, "kernel", true);
+    Bytes image;
+    check_fetch("kernel", kernel, "kernel", true, &image);
+    std::string problem = image.empty() ? "" : multiboot1_problem(image);
+    if (!problem.empty()) {
+      report.problem("kernel " + shown(kernel.name) + " would not start under Limine on UEFI: " + problem);
+    }
   }
   if (fixed["notes"].seen && fixed["notes"].size > 0) {
     if (fixed["notes"].size > limits::kNotesBytes) {

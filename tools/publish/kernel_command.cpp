@@ -1,11 +1,13 @@
 // ota-publish kernel: a small stand-in kernel image for the simulator's boot model. Its
-// first line says which build it is and whether it starts healthily; the rest is filler
-// so that images have a realistic, chosen size.
+// first line says which build it is and whether it starts healthily; a multiboot1 header
+// asks for a framebuffer, as a real tavi kernel's must; the rest is filler so that images
+// have a realistic, chosen size.
 #include <cstdio>
 
 #include "args.h"
 #include "commands.h"
 #include "limits.h"
+#include "multiboot.h"
 #include "output.h"
 #include "rules.h"
 
@@ -18,7 +20,10 @@ const char kKernelHelp[] =
     "Writes a stand-in kernel image for the simulator: the line\n"
     "  TAVI-KERNEL build=B commit=C health=good   (health=broken with --broken)\n"
     "and a LF, then filler bytes up to BYTES in all (default 4096): the byte at offset i\n"
-    "of the image is i mod 251. B and C follow the rules of `ota-publish system`.\n";
+    "of the image is i mod 251, except for a 48-byte multiboot1 header at the first offset\n"
+    "after the line that is a multiple of 4. The header asks for a 1024x768x32 framebuffer\n"
+    "(flags 0x00010004), as Limine on UEFI requires of a multiboot1 kernel. B and C follow\n"
+    "the rules of `ota-publish system`.\n";
 
 namespace {
 constexpr std::uint64_t kDefaultSize = 4096;
@@ -43,15 +48,13 @@ int kernel_command(int argc, char** argv) {
   if (auto text = args.get("--size")) size = parse_number(*text, "image size", kMaxSize);
   std::string header = "TAVI-KERNEL build=" + std::to_string(build) + " commit=" + commit +
                        " health=" + (args.has("--broken") ? "broken" : "good") + "\n";
-  if (size < header.size()) {
-    throw Error("image size " + std::to_string(size) + " is smaller than its first line (" +
-                std::to_string(header.size()) + " bytes)");
+  if (size < stand_in_minimum(header)) {
+    throw Error("image size " + std::to_string(size) + " is smaller than its first line and multiboot1 header (" +
+                std::to_string(stand_in_minimum(header)) + " bytes)");
   }
   bool force = args.has("--force");
   check_output_free(out, force, "kernel image", false);
-  Bytes image = as_bytes(header);
-  image.reserve(size);
-  for (std::uint64_t i = image.size(); i < size; ++i) image.push_back(static_cast<std::uint8_t>(i % 251));
+  Bytes image = stand_in_image(header, size);
   write_file_atomic(out, image, 0644, force, "kernel image");
   std::printf("ota-publish: wrote %s: %llu bytes, %s", out.c_str(), static_cast<unsigned long long>(size),
               header.c_str());

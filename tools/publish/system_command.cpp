@@ -7,6 +7,7 @@
 #include "commands.h"
 #include "gzip.h"
 #include "limits.h"
+#include "multiboot.h"
 #include "output.h"
 #include "release.h"
 #include "rules.h"
@@ -31,7 +32,10 @@ const char kSystemHelp[] =
     "--commit C     7 to 19 visible characters; devices know the running kernel by the\n"
     "               first seven\n"
     "--min-from M   oldest installed build that may take this update (at most B)\n"
-    "--kernel FILE  the kernel image (not empty); --gzip-kernel also publishes FILE.gz\n"
+    "--kernel FILE  the kernel image (not empty); --gzip-kernel also publishes FILE.gz.\n"
+    "               Limine on UEFI must be able to start it: a multiboot1 header (magic\n"
+    "               0x1BADB002, 4-byte aligned, within the first 8192 bytes) with a good\n"
+    "               checksum that asks for a framebuffer (flags bit 2)\n"
     "--notes FILE   release notes, 1 to 2000 bytes\n"
     "--roots FILE   trust roots for /bin/rootsctl; --gzip-roots also publishes FILE.gz\n"
     "--file TARGET=PATH[:gz]\n"
@@ -158,6 +162,12 @@ int system_command(int argc, char** argv) {
     std::string what = e.kind == "file" ? "overlay file" : e.kind + " file";
     e.data = read_file(e.path, what.c_str());
     if (e.data.empty()) throw Error(what + " " + shown(e.path) + " is empty; a device needs a size above 0");
+    if (e.kind == "kernel") {
+      std::string problem = multiboot1_problem(e.data);
+      if (!problem.empty()) {
+        throw Error("kernel file " + shown(e.path) + " would not start under Limine on UEFI: " + problem);
+      }
+    }
     if (e.kind == "notes" && e.data.size() > limits::kNotesBytes) {
       throw Error("notes file " + shown(e.path) + " is " + std::to_string(e.data.size()) +
                   " bytes; a device fetches notes of at most 2000 bytes and skips larger ones");

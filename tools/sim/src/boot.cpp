@@ -3,6 +3,7 @@
 #include "tavisim/boot.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <optional>
 #include <sstream>
@@ -23,14 +24,14 @@ constexpr size_t kTrialRecordBytes = 36;
 constexpr size_t kStartCountDigits = 28;  // bytes 28-29 hold the start count "v=NN"
 constexpr size_t kOkDigit = 34;
 
-struct MenuEntry {
-  bool top_level = true;
-  std::string path;
-};
+constexpr const char* kFirmwareFile = "/firmware.state";
 
-}  // namespace
-
-namespace {
+// Where the stand-in image asks to be loaded (1 MiB, the usual multiboot1 load address)
+// and the framebuffer it asks for.
+constexpr uint32_t kStandInLoadAddress = 0x100000;
+constexpr uint32_t kStandInWidth = 1024;
+constexpr uint32_t kStandInHeight = 768;
+constexpr uint32_t kStandInDepth = 32;
 
 // One line of the menu with where it starts and where its text ends (before a CR and LF).
 struct MenuLine {
@@ -53,9 +54,28 @@ std::vector<MenuLine> menu_lines(std::string_view text) {
   return lines;
 }
 
-// The line whose default_entry counts: the first one anywhere in the file, unless a first
-// line that is a sub-entry made the boot loader drop the global options. npos: none.
-size_t default_line_index(const std::vector<MenuLine>& lines) {
+std::string lower(std::string_view s) {
+  std::string out(s);
+  for (char& c : out) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+// An option line "name: value". Option names are not case-sensitive, so the name comes
+// back in lower case. Entry lines, comments and blank lines are no options.
+bool option_of(const std::string& line, std::string* name, std::string* value) {
+  std::string t = trim(line);
+  if (t.empty() || t[0] == '#' || line[0] == '/') return false;
+  size_t colon = t.find(':');
+  if (colon == std::string::npos) return false;
+  *name = lower(trim(t.substr(0, colon)));
+  *value = trim(t.substr(colon + 1));
+  return true;
+}
+
+// The line of the global option `name` that counts: the first one anywhere in the file,
+// unless a first line that is a sub-entry made the boot loader drop the global options.
+// npos: none.
+size_t option_line_index(const std::vector<MenuLine>& lines, const std::string& wanted) {
   bool first_line_seen = false;
   for (size_t i = 0; i < lines.size(); i++) {
     const std::string& line = lines[i].text;
@@ -67,63 +87,150 @@ size_t default_line_index(const std::vector<MenuLine>& lines) {
       continue;
     }
     first_line_seen = true;
-    size_t colon = t.find(':');
-    if (colon != std::string::npos && trim(t.substr(0, colon)) == "default_entry") return i;
+    std::string name, value;
+    if (option_of(line, &name, &value) && name == wanted) return i;
   }
   return std::string::npos;
 }
 
-}  // namespace
+std::string option_value(const std::vector<MenuLine>& lines, const std::string& name) {
+  size_t i = option_line_index(lines, name);
+  std::string n, v;
+  if (i == std::string::npos || !option_of(lines[i].text, &n, &v)) return "";
+  return v;
+}
 
-MenuChoice choose_boot_entry(std::string_view text, int force_entry) {
-  MenuChoice c;
+// An entry of the menu: a line starting with one or more "/" (its depth) and the option
+// lines after it.
+struct MenuEntry {
+  int depth = 1;
+  std::string title;
+  std::string path;
+  bool directory = false;  // the next entry lies deeper: this one holds sub-entries
+  int top = 0;             // the top-level entry it is or lies under, from 1; 0: none
+};
+
+std::vector<MenuEntry> menu_entries(const std::vector<MenuLine>& lines) {
   std::vector<MenuEntry> entries;
-  MenuEntry* current = nullptr;
-  std::vector<MenuLine> lines = menu_lines(text);
+  int top = 0;
   for (const MenuLine& l : lines) {
     const std::string& line = l.text;
-    std::string t = trim(line);
-    if (t.empty() || t[0] == '#') continue;
+    if (line.empty()) continue;
     if (line[0] == '/') {
-      entries.push_back({!(line.size() > 1 && line[1] == '/'), ""});
-      current = &entries.back();
+      MenuEntry e;
+      size_t slashes = line.find_first_not_of('/');
+      if (slashes == std::string::npos) slashes = line.size();
+      e.depth = static_cast<int>(slashes);
+      e.title = trim(line.substr(slashes));
+      if (e.depth == 1) top++;
+      e.top = top;
+      entries.push_back(e);
       continue;
     }
-    size_t colon = t.find(':');
-    if (colon == std::string::npos) continue;
-    std::string key = trim(t.substr(0, colon));
-    if (current && (key == "path" || key == "kernel_path")) current->path = trim(t.substr(colon + 1));
+    std::string name, value;
+    if (!entries.empty() && option_of(line, &name, &value) && (name == "path" || name == "kernel_path"))
+      entries.back().path = value;
   }
+  for (size_t i = 0; i + 1 < entries.size(); i++) entries[i].directory = entries[i + 1].depth > entries[i].depth;
+  return entries;
+}
+
+uint32_t le32(std::string_view s, size_t at) {
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; i--) v = (v << 8) | static_cast<unsigned char>(s[at + static_cast<size_t>(i)]);
+  return v;
+}
+
+void put_le32(std::string& s, size_t at, uint32_t v) {
+  for (size_t i = 0; i < 4; i++) s[at + i] = static_cast<char>((v >> (8 * i)) & 0xff);
+}
+
+}  // namespace
+
+MenuChoice choose_boot_entry(std::string_view text, const BootSelection& selection) {
+  MenuChoice c;
+  std::vector<MenuLine> lines = menu_lines(text);
+  std::vector<MenuEntry> entries = menu_entries(lines);
   std::vector<const MenuEntry*> top;
   for (auto& e : entries)
-    if (e.top_level) top.push_back(&e);
+    if (e.depth == 1) top.push_back(&e);
   c.entries = static_cast<int>(top.size());
   if (top.empty()) {
     c.problem = "no boot entry in limine.conf";
     return c;
   }
-  int chosen = 1;
-  size_t d = default_line_index(lines);
-  if (d != std::string::npos) {
-    std::string t = trim(lines[d].text);
+  c.remember = option_value(lines, "remember_last_entry") == "yes";
+  auto titled = [&](const std::string& title) -> const MenuEntry* {
+    for (auto& e : entries)
+      if (e.top > 0 && e.title == title) return &e;
+    return nullptr;
+  };
+
+  const MenuEntry* chosen = nullptr;
+  if (!selection.pick.empty()) {
+    c.picked = true;
     uint64_t n = 0;
-    if (parse_u64(trim(t.substr(t.find(':') + 1)), n) && n >= 1 && n <= top.size()) chosen = static_cast<int>(n);
+    if (parse_u64(selection.pick, n)) {
+      if (n < 1 || n > top.size()) {
+        c.problem = "there is no entry " + selection.pick + " to pick";
+        return c;
+      }
+      chosen = top[static_cast<size_t>(n - 1)];
+    } else if (!(chosen = titled(selection.pick))) {
+      c.problem = "there is no entry titled \"" + selection.pick + "\" to pick";
+      return c;
+    }
+  } else {
+    // default_entry names a top-level entry by its number or (as Limine 11 reads it) by
+    // its title; anything else, or a number beyond the entries, means entry 1.
+    chosen = top[0];
+    std::string value = option_value(lines, "default_entry");
+    uint64_t n = 0;
+    if (parse_u64(value, n)) {
+      if (n >= 1 && n <= top.size()) chosen = top[static_cast<size_t>(n - 1)];
+    } else {
+      for (const MenuEntry* e : top)
+        if (!value.empty() && e->title == value) {
+          chosen = e;
+          break;
+        }
+    }
+    if (c.remember && !selection.remembered.empty()) {
+      if (const MenuEntry* e = titled(selection.remembered)) {
+        chosen = e;
+        c.remembered = true;
+      }
+    }
   }
-  if (force_entry >= 1 && force_entry <= c.entries) chosen = force_entry;
-  c.entry = chosen;
-  const std::string& path = top[static_cast<size_t>(chosen - 1)]->path;
+  c.entry = chosen->top;
+  c.title = chosen->title;
+  c.sub_entry = chosen->depth > 1;
+  std::string which = c.sub_entry ? "entry \"" + chosen->title + "\"" : "entry " + std::to_string(c.entry);
+  if (chosen->directory) {
+    c.waits = true;
+    c.problem = "the boot menu waits: " + which + " is a directory, shown as \"[+] " + chosen->title + "\"";
+    return c;
+  }
+  const std::string& path = chosen->path;
   if (path.rfind("boot():", 0) != 0 || path.size() <= 7) {
-    c.problem = path.empty() ? "entry " + std::to_string(chosen) + " names no kernel"
-                             : "entry " + std::to_string(chosen) + " names a kernel off this disk: " + path;
+    c.problem = path.empty() ? which + " names no kernel" : which + " names a kernel off this disk: " + path;
     return c;
   }
   c.kernel_path = path.substr(7);
   return c;
 }
 
+MenuChoice choose_boot_entry(std::string_view text, int force_entry) {
+  MenuChoice c = choose_boot_entry(text, BootSelection{});
+  if (force_entry < 1 || force_entry > c.entries) return c;
+  BootSelection s;
+  s.pick = std::to_string(force_entry);
+  return choose_boot_entry(text, s);
+}
+
 std::string menu_with_default_one(std::string_view text) {
   std::vector<MenuLine> lines = menu_lines(text);
-  size_t d = default_line_index(lines);
+  size_t d = option_line_index(lines, "default_entry");
   if (d == std::string::npos) return std::string(text);
   const MenuLine& l = lines[d];
   size_t colon = text.find(':', l.start);
@@ -131,6 +238,30 @@ std::string menu_with_default_one(std::string_view text) {
   out += " 1";
   out += text.substr(l.end);
   return out;
+}
+
+Multiboot1Header find_multiboot1_header(std::string_view image) {
+  Multiboot1Header h;
+  size_t limit = std::min(image.size(), kMultiboot1SearchBytes);
+  for (size_t at = 0; at + 12 <= limit; at += 4) {
+    if (le32(image, at) != kMultiboot1Magic) continue;
+    h.found = true;
+    h.offset = at;
+    h.flags = le32(image, at + 4);
+    h.checksum = le32(image, at + 8);
+    h.checksum_ok = static_cast<uint32_t>(kMultiboot1Magic + h.flags + h.checksum) == 0;
+    return h;
+  }
+  return h;
+}
+
+std::string multiboot1_refusal(std::string_view image) {
+  if (image.size() < 12) return "Kernel file too small to contain header";
+  Multiboot1Header h = find_multiboot1_header(image);
+  if (!h.found) return "multiboot1: no header in the first 8192 bytes";
+  if (!h.checksum_ok) return "multiboot1: the header checksum is wrong";
+  if (!(h.flags & kMultiboot1VideoFlag)) return "PANIC: multiboot1: Cannot use text mode with UEFI.";
+  return "";
 }
 
 KernelImage read_kernel_image(std::string_view image) {
@@ -152,11 +283,63 @@ KernelImage read_kernel_image(std::string_view image) {
 std::string stand_in_kernel(uint64_t build, const std::string& commit, bool healthy, size_t size) {
   std::string s = "TAVI-KERNEL build=" + std::to_string(build) + " commit=" + commit +
                   (healthy ? " health=good\n" : " health=broken\n");
+  size_t at = (s.size() + 3) / 4 * 4;
+  size = std::max(size, at + kMultiboot1HeaderBytes);
   for (size_t i = s.size(); i < size; i++) s += static_cast<char>(i % 251);
+  // The image is no ELF file, so the header gives its load addresses (flag 16): the file
+  // is loaded whole at 1 MiB and entered right after the header.
+  uint32_t flags = kMultiboot1VideoFlag | kMultiboot1AddressFlag;
+  uint32_t words[] = {kMultiboot1Magic,
+                      flags,
+                      static_cast<uint32_t>(0u - kMultiboot1Magic - flags),
+                      kStandInLoadAddress + static_cast<uint32_t>(at),  // header_addr
+                      kStandInLoadAddress,                              // load_addr
+                      0,                                                // load_end_addr: the whole file
+                      0,                                                // bss_end_addr: none
+                      kStandInLoadAddress + static_cast<uint32_t>(at + kMultiboot1HeaderBytes),  // entry_addr
+                      0,  // mode_type: a linear framebuffer
+                      kStandInWidth,
+                      kStandInHeight,
+                      kStandInDepth};
+  for (size_t i = 0; i < sizeof words / sizeof words[0]; i++) put_le32(s, at + 4 * i, words[i]);
   return s;
 }
 
-BootResult Kernel::boot(const RunOptions& options, bool run_start_entry) {
+FirmwareState read_firmware_state(const std::string& device_dir) {
+  FirmwareState s;
+  std::string path = device_dir + kFirmwareFile;
+  auto text = read_host_file(path);
+  if (!text) return s;
+  std::istringstream in(*text);
+  std::string line;
+  int no = 0;
+  while (std::getline(in, line)) {
+    no++;
+    if (line.empty() || line[0] == '#') continue;
+    size_t tab = line.find('\t');
+    std::string name = line.substr(0, tab);
+    if (name == "last-booted-entry" && tab != std::string::npos) {
+      s.last_booted_entry = unescape_field(line.substr(tab + 1));
+      continue;
+    }
+    throw SimError(path + ":" + std::to_string(no) + ": cannot read: " + line);
+  }
+  return s;
+}
+
+std::string format_firmware_state(const FirmwareState& s) {
+  std::string text = "# tavi-sim firmware state: the boot loader's variables, kept across restarts\n";
+  if (!s.last_booted_entry.empty()) text += "last-booted-entry\t" + escape_field(s.last_booted_entry) + "\n";
+  return text;
+}
+
+void write_firmware_state(const std::string& device_dir, const FirmwareState& s) {
+  std::string path = device_dir + kFirmwareFile;
+  write_host_file(path + ".nw", format_firmware_state(s));
+  if (rename((path + ".nw").c_str(), path.c_str()) != 0) throw SimError("cannot write " + path);
+}
+
+BootResult Kernel::boot(const BootOptions& options) {
   // Whatever ran before is gone, and nothing stays mounted over a restart.
   if (!tracees_.empty()) stop_machine(Stop::power);
   unmount_all(true);
@@ -164,10 +347,24 @@ BootResult Kernel::boot(const RunOptions& options, bool run_start_entry) {
   st_.killed_slots.clear();
   st_.healthy = false;
   BootResult b;
-  auto stuck = [&](const std::string& why) {
+  BootSelection selection;
+  selection.pick = options.pick;
+  FirmwareState firmware = read_firmware_state(dir_);
+  selection.remembered = firmware.last_booted_entry;
+  // How the entry was chosen, for the event: by hand, or as the entry the firmware remembered.
+  auto chosen_fields = [&](const MenuChoice& c) {
+    std::vector<std::string> fields;
+    if (c.picked) fields.push_back("picked=" + options.pick);
+    if (c.remembered) fields.push_back("remembered=" + c.title);
+    if (c.sub_entry) fields.push_back("title=" + c.title);
+    return fields;
+  };
+  auto stuck = [&](const std::string& why, const MenuChoice* c = nullptr) {
     b.stuck = why;
     std::vector<std::string> fields = {"stuck=" + why};
     if (!b.disk.empty()) fields.push_back("disk=" + b.disk);
+    if (c)
+      for (auto& f : chosen_fields(*c)) fields.push_back(f);
     log("boot", 0, fields);
     save_state();
     return b;
@@ -193,11 +390,13 @@ BootResult Kernel::boot(const RunOptions& options, bool run_start_entry) {
   }
   if (image.empty()) return stuck("no ESP with a limine.conf");
 
-  // The boot loader starts the default entry's kernel, or nothing at all: it never falls
+  // The boot loader starts the chosen entry's kernel, or nothing at all: it never falls
   // back by itself.
-  MenuChoice m = choose_boot_entry(menu);
+  MenuChoice m = choose_boot_entry(menu, selection);
   b.entry = m.entry;
-  if (!m.problem.empty()) return stuck(m.problem);
+  b.picked = m.picked;
+  b.remembered = m.remembered;
+  if (!m.problem.empty()) return stuck(m.problem, &m);
   auto load = [&](const MenuChoice& choice) -> std::optional<std::string> {
     b.entry = choice.entry;
     b.kernel_path = choice.kernel_path;
@@ -206,14 +405,27 @@ BootResult Kernel::boot(const RunOptions& options, bool run_start_entry) {
       b.stuck = "Failed to open kernel with path boot():" + choice.kernel_path;
       return std::nullopt;
     }
+    b.stuck = multiboot1_refusal(*kernel);
+    if (!b.stuck.empty()) return std::nullopt;
     b.kernel = read_kernel_image(*kernel);
     if (!b.kernel.valid) {
       b.stuck = "the kernel image " + choice.kernel_path + " does not start";
       return std::nullopt;
     }
+    // With remember_last_entry the loader notes in a firmware variable which entry it
+    // starts; the next start takes that one instead of the default.
+    if (choice.remember && firmware.last_booted_entry != choice.title) {
+      firmware.last_booted_entry = choice.title;
+      write_firmware_state(dir_, firmware);
+    }
     return kernel;
   };
-  if (!load(m)) return stuck(b.stuck);
+  if (!load(m)) return stuck(b.stuck, &m);
+
+  std::vector<std::string> fields = {"disk=" + b.disk, "entry=" + std::to_string(b.entry), "kernel=" + b.kernel_path,
+                                     "build=" + b.kernel.build, "commit=" + b.kernel.commit,
+                                     b.kernel.healthy ? "health=good" : "health=broken"};
+  std::vector<std::string> how = chosen_fields(m);
 
   // The kernel that started counts the starts of an unconfirmed trial in the trial record
   // itself. Past the allowed number it falls back to entry 1, and makes that lasting: it
@@ -236,8 +448,30 @@ BootResult Kernel::boot(const RunOptions& options, bool run_start_entry) {
         fat_write(image, "limine.conf", reset);
         b.menu_reset = true;
       }
+      // The fallback goes through the boot loader again, which starts entry 1 unless it
+      // remembers the entry it booted last: then the same entry starts again, counts again
+      // and falls back again, a restart without end. This start ends in that restart.
+      BootSelection again;
+      again.remembered = firmware.last_booted_entry;
+      MenuChoice next = choose_boot_entry(reset, again);
+      if (!next.problem.empty()) return stuck(next.problem, &next);
+      if (next.entry != 1) {
+        b.restarted = true;
+        fields.push_back("starts=" + std::to_string(b.trial_starts));
+        fields.insert(fields.end(), how.begin(), how.end());
+        fields.push_back("fallback");
+        if (b.menu_reset) fields.push_back("menu-default=1");
+        fields.push_back("restart");
+        log("boot", 0, fields);
+        save_state();
+        return b;
+      }
       b.kernel = KernelImage{};
-      if (!load(choose_boot_entry(menu, 1))) return stuck(b.stuck);
+      if (!load(next)) return stuck(b.stuck, &next);
+      fields = {"disk=" + b.disk, "entry=" + std::to_string(b.entry), "kernel=" + b.kernel_path,
+                "build=" + b.kernel.build, "commit=" + b.kernel.commit,
+                b.kernel.healthy ? "health=good" : "health=broken"};
+      how.clear();
     }
   }
 
@@ -245,20 +479,18 @@ BootResult Kernel::boot(const RunOptions& options, bool run_start_entry) {
   fs_->write("/proc/version", "tavi " + b.kernel.build + " build " + b.kernel.commit + " (tavi-sim stand-in kernel)\n");
   st_.healthy = b.kernel.healthy;
   b.booted = true;
-  std::vector<std::string> fields = {"disk=" + b.disk, "entry=" + std::to_string(b.entry), "kernel=" + b.kernel_path,
-                                     "build=" + b.kernel.build, "commit=" + b.kernel.commit,
-                                     b.kernel.healthy ? "health=good" : "health=broken"};
   if (b.trial_starts >= 0) fields.push_back("starts=" + std::to_string(b.trial_starts));
+  fields.insert(fields.end(), how.begin(), how.end());
   if (b.fallback) fields.push_back("fallback");
   if (b.menu_reset) fields.push_back("menu-default=1");
   log("boot", 0, fields);
   save_state();
 
-  if (run_start_entry && !cfg_.start_entry.empty()) {
+  if (options.start_entry && !cfg_.start_entry.empty()) {
     std::vector<std::string> argv = {"/bin/ota"};
     argv.insert(argv.end(), cfg_.start_entry.begin(), cfg_.start_entry.end());
     b.ran_start_entry = true;
-    b.start_entry = wait(start(argv, options), 0);
+    b.start_entry = wait(start(argv, options.run), 0);
   }
   return b;
 }

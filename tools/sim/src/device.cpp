@@ -202,9 +202,15 @@ std::vector<int64_t> Device::live_pids() const { return impl_->kernel->live_pids
 void Device::power_off() { impl_->kernel->power_off(); }
 BootResult Device::boot(const BootOptions& options) {
   save_config();
-  return impl_->kernel->boot(options.run, options.start_entry);
+  return impl_->kernel->boot(options);
 }
 BootResult Device::boot() { return boot(BootOptions{}); }
+std::string Device::remembered_entry() const { return read_firmware_state(impl_->dir).last_booted_entry; }
+void Device::set_remembered_entry(const std::string& title) {
+  FirmwareState s = read_firmware_state(impl_->dir);
+  s.last_booted_entry = title;
+  write_firmware_state(impl_->dir, s);
+}
 int64_t Device::virtual_ms() const { return impl_->kernel->clock_ns() / 1000000; }
 void Device::advance_clock(double seconds) { impl_->kernel->advance_clock(static_cast<int64_t>(seconds * 1e9)); }
 

@@ -68,7 +68,7 @@ class Kernel {
   void release(const std::string& name);
   std::vector<int64_t> live_pids() const;
   void power_off();
-  BootResult boot(const RunOptions& options, bool run_start_entry);
+  BootResult boot(const BootOptions& options);
 
   int64_t clock_ns() const { return st_.clock_ns; }
   void advance_clock(int64_t ns);

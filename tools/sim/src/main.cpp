@@ -30,8 +30,10 @@ const char* kUsage =
     "                     make a device directory\n"
     "  run DIR [--wall S] [--virtual S] [--cut K all|synced] [-v] -- WORDS...\n"
     "                     run `ota WORDS...` in the device\n"
-    "  boot DIR [--virtual S] [--wall S] [--restarts N] [--no-start] [-v]\n"
+    "  boot DIR [--virtual S] [--wall S] [--restarts N] [--no-start] [--pick ENTRY] [-v]\n"
     "                     start the machine: boot loader, kernel, start-up entry\n"
+    "  firmware DIR [clear]\n"
+    "                     show (or clear) the boot loader's firmware variables\n"
     "  events DIR [KIND]  print the device's event log\n"
     "  esp DIR [--disk DISK] ls | cat FILE | check\n"
     "                     look into an ESP image\n"
@@ -63,15 +65,25 @@ const Help kHelp[] = {
      "--wall S: real seconds (default 120, 0 none); --virtual S: virtual seconds (default 86400).\n"
      "--cut K all|synced: end ota at its K-th system call, keeping all or only synced data.\n"},
     {"boot",
-     "usage: tavi-sim boot DIR [--virtual S] [--wall S] [--restarts N] [--no-start] [-v]\n"
+     "usage: tavi-sim boot DIR [--virtual S] [--wall S] [--restarts N] [--no-start]\n"
+     "                     [--pick ENTRY] [-v]\n"
      "Starts the machine. The boot loader reads limine.conf on the first disk image that has\n"
-     "one (sda1, nvme01, hda1, then the others) and starts the default entry's kernel, a\n"
-     "stand-in image (`ota-publish kernel`). The kernel writes /proc/version, counts the starts\n"
-     "of an unconfirmed trial in /system/ERPROBUNG (after boot-tries starts it falls back to\n"
-     "entry 1 and makes entry 1 the menu's default), brings the configured tasks up if the image is healthy, and runs the start-up\n"
-     "entry (`ota boot`) for at most S virtual seconds (default 3600). When that restarts the\n"
-     "machine it is started again, at most N more times (default 0). Exit status: 0 the\n"
-     "machine came up, 3 it stands at the boot loader, 250 it was still restarting.\n"},
+     "one (sda1, nvme01, hda1, then the others) and starts the default entry's kernel (the\n"
+     "entry it remembers instead, with remember_last_entry: yes), a stand-in image\n"
+     "(`ota-publish kernel`) whose multiboot1 header asks for a framebuffer. --pick ENTRY:\n"
+     "someone at the console picks that entry (a top-level number, or any entry's title).\n"
+     "The kernel writes /proc/version, counts the starts of an unconfirmed trial in\n"
+     "/system/ERPROBUNG (after boot-tries starts it falls back to entry 1 and makes entry 1\n"
+     "the menu's default), brings the configured tasks up if the image is healthy, and runs\n"
+     "the start-up entry (`ota boot`) for at most S virtual seconds (default 3600). When that\n"
+     "restarts the machine (or the kernel's fallback does) it is started again, at most N\n"
+     "more times (default 0). Exit status: 0 the machine came up, 3 it stands at the boot\n"
+     "loader (a panic, or its menu waits), 250 it was still restarting.\n"},
+    {"firmware",
+     "usage: tavi-sim firmware DIR [clear]\n"
+     "Prints the firmware variables the boot loader keeps across restarts (DIR/firmware.state):\n"
+     "last-booted-entry, the title of the entry it booted last under remember_last_entry: yes.\n"
+     "clear empties them, as a reset of the firmware's variables does.\n"},
     {"events", "usage: tavi-sim events DIR [KIND]\nPrints DIR/events.log, or only its events of KIND.\n"},
     {"esp",
      "usage: tavi-sim esp DIR [--disk DISK] ls | cat FILE | check\n"
@@ -212,6 +224,8 @@ int cmd_boot(int argc, char** argv) {
     else if (a == "--wall" && i + 1 < argc) o.run.wall_seconds = seconds_arg("boot", a, argv[++i]);
     else if (a == "--virtual" && i + 1 < argc) o.run.virtual_seconds = seconds_arg("boot", a, argv[++i]);
     else if (a == "--restarts" && i + 1 < argc && parse_u64(argv[i + 1], restarts)) i++;
+    else if (a == "--pick" && i + 1 < argc && *argv[i + 1]) o.pick = argv[++i];
+    else if (a == "--pick") return usage_error("boot", "--pick needs an entry's number or title");
     else if (a == "--restarts") return usage_error("boot", "--restarts needs a number of restarts");
     else if (a == "--wall" || a == "--virtual") return usage_error("boot", a + " needs a number of seconds");
     else return usage_error("boot", "unknown option " + a);
@@ -219,6 +233,15 @@ int cmd_boot(int argc, char** argv) {
   Device d = Device::open(argv[2]);
   for (uint64_t n = 0;; n++) {
     BootResult b = d.boot(o);
+    o.pick.clear();  // a pick is made at one start only
+    if (b.restarted) {
+      if (verbose)
+        std::cerr << "tavi-sim boot: " << b.disk << " entry " << b.entry << " " << b.kernel_path << ", trial start "
+                  << b.trial_starts << ": the kernel fell back, but the boot loader starts entry " << b.entry
+                  << " again (it remembers it); restarting\n";
+      if (n >= restarts) return kExitRestart;
+      continue;
+    }
     if (!b.booted) {
       if (verbose) std::cerr << "tavi-sim boot: stands at the boot loader: " << b.stuck << "\n";
       return 3;
@@ -227,6 +250,8 @@ int cmd_boot(int argc, char** argv) {
       std::cerr << "tavi-sim boot: " << b.disk << " entry " << b.entry << " " << b.kernel_path << " build "
                 << b.kernel.build << " commit " << b.kernel.commit << (b.kernel.healthy ? " healthy" : " broken");
       if (b.trial_starts >= 0) std::cerr << ", trial start " << b.trial_starts;
+      if (b.picked) std::cerr << ", picked by hand";
+      if (b.remembered) std::cerr << ", the remembered entry";
       if (b.fallback) std::cerr << ", fell back to entry 1";
       if (b.menu_reset) std::cerr << " (menu default set to 1)";
       std::cerr << "\n";
@@ -234,6 +259,16 @@ int cmd_boot(int argc, char** argv) {
     if (!b.ran_start_entry || !b.start_entry.rebooted) return 0;
     if (n >= restarts) return kExitRestart;
   }
+}
+
+int cmd_firmware(int argc, char** argv) {
+  if (argc != 3 && !(argc == 4 && std::string(argv[3]) == "clear"))
+    return usage_error("firmware", "needs DIR [clear]");
+  Device d = Device::open(argv[2]);
+  if (argc == 4) d.set_remembered_entry("");
+  std::string entry = d.remembered_entry();
+  if (!entry.empty()) std::cout << "last-booted-entry\t" << entry << "\n";
+  return 0;
 }
 
 int cmd_events(int argc, char** argv) {
@@ -356,6 +391,7 @@ int main(int argc, char** argv) {
     if (command == "run") return cmd_run(argc, argv);
     if (command == "events") return cmd_events(argc, argv);
     if (command == "boot") return cmd_boot(argc, argv);
+    if (command == "firmware") return cmd_firmware(argc, argv);
     if (command == "esp") return cmd_esp(argc, argv);
     if (command == "conf") return cmd_conf(argc, argv);
     if (command == "set") return cmd_set(argc, argv, false);

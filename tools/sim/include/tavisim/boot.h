@@ -7,7 +7,8 @@
 //
 // Kernel images are stand-ins, as `ota-publish kernel` writes them: a first line
 //   TAVI-KERNEL build=<build> commit=<commit> health=good|broken
-// then filler bytes, byte i of the file being i mod 251.
+// then, at the next offset that is a multiple of 4, a multiboot1 header asking for a
+// framebuffer, and filler bytes around it, byte i of the file being i mod 251.
 
 #include <cstdint>
 #include <string>
@@ -20,15 +21,53 @@ namespace tavisim {
 // What the boot loader makes of a menu (the rules observed with Limine, BOOTLOADER.md).
 struct MenuChoice {
   int entries = 0;          // top-level entries
-  int entry = 0;            // the one started, from 1; 0 when none
+  int entry = 0;            // the top-level entry started (or holding the sub-entry started), from 1; 0: none
+  std::string title;        // the title of the entry chosen
+  bool sub_entry = false;   // the entry chosen is a sub-entry (picked by hand)
   std::string kernel_path;  // on the ESP, e.g. "/tavi-b.mb"; empty with a problem
   std::string problem;      // why nothing can be started
+  bool waits = false;       // the entry chosen is a directory: the loader waits at its menu
+  bool remember = false;    // the menu asks the loader to remember the entry it boots
+  bool remembered = false;  // the entry chosen is the one the firmware remembered
+  bool picked = false;      // the entry chosen was picked by hand
 };
-// force_entry: start that entry instead of the default one (the kernel's fallback).
+
+// What decides the boot loader's choice besides the menu itself.
+struct BootSelection {
+  // The title of the entry the loader booted last, from the firmware's variables; it is
+  // used only when the menu says `remember_last_entry: yes`. Empty: none.
+  std::string remembered;
+  // An entry picked by hand at the boot menu: a top-level entry's number, or the title of
+  // any entry (sub-entries included). Empty: nobody picks.
+  std::string pick;
+};
+
+MenuChoice choose_boot_entry(std::string_view limine_conf, const BootSelection& selection);
+// force_entry: start that top-level entry instead of the default one, as if picked by hand.
 MenuChoice choose_boot_entry(std::string_view limine_conf, int force_entry = 0);
 // The menu with the value of the default_entry line that counts set to 1 (the kernel's
 // lasting fallback); every other byte stays. Unchanged when no such line counts.
 std::string menu_with_default_one(std::string_view limine_conf);
+
+// The multiboot1 header of a kernel image as the boot loader looks for it: the first
+// occurrence of the magic 0x1BADB002 at an offset that is a multiple of 4, with the three
+// words (magic, flags, checksum) within the first 8192 bytes.
+constexpr uint32_t kMultiboot1Magic = 0x1BADB002;
+constexpr size_t kMultiboot1SearchBytes = 8192;
+constexpr uint32_t kMultiboot1VideoFlag = 1u << 2;       // asks for a video mode (a framebuffer)
+constexpr uint32_t kMultiboot1AddressFlag = 1u << 16;    // the load address fields are valid
+constexpr size_t kMultiboot1HeaderBytes = 48;            // up to and with the video mode fields
+struct Multiboot1Header {
+  bool found = false;
+  size_t offset = 0;
+  uint32_t flags = 0;
+  uint32_t checksum = 0;
+  bool checksum_ok = false;  // magic + flags + checksum == 0 (mod 2^32)
+};
+Multiboot1Header find_multiboot1_header(std::string_view image);
+// Why the boot loader (Limine on UEFI) does not start this multiboot1 image, in the words
+// shown on its screen; empty when it starts it.
+std::string multiboot1_refusal(std::string_view image);
 
 struct KernelImage {
   bool valid = false;
@@ -37,7 +76,18 @@ struct KernelImage {
   bool healthy = false;
 };
 KernelImage read_kernel_image(std::string_view image);
+// A stand-in image of `size` bytes, or longer when its first line and multiboot1 header
+// need more.
 std::string stand_in_kernel(uint64_t build, const std::string& commit, bool healthy = true, size_t size = 4096);
+
+// The firmware's variables that the boot loader keeps across restarts, in
+// DIR/firmware.state. A device without the file has empty variables.
+struct FirmwareState {
+  std::string last_booted_entry;  // the title of the entry booted last (remember_last_entry)
+};
+FirmwareState read_firmware_state(const std::string& device_dir);
+void write_firmware_state(const std::string& device_dir, const FirmwareState& state);
+std::string format_firmware_state(const FirmwareState& state);
 
 struct BootResult {
   bool booted = false;
@@ -49,6 +99,12 @@ struct BootResult {
   int trial_starts = -1;  // the start count of an unconfirmed trial after this start; -1: none
   bool fallback = false;  // the kernel fell back to entry 1
   bool menu_reset = false;  // and rewrote the menu's default to entry 1 on the ESP
+  // The kernel fell back and restarted the machine, but the boot loader would not start
+  // entry 1 (it remembers the entry it booted last): this start ends in a restart and the
+  // next one begins at the boot loader again. booted stays false.
+  bool restarted = false;
+  bool remembered = false;  // the loader started the entry it remembered, not the default
+  bool picked = false;      // the entry was picked by hand
   bool ran_start_entry = false;
   RunResult start_entry;  // the start-up entry's run
 };
@@ -60,6 +116,8 @@ struct BootOptions {
     return o;
   }();
   bool start_entry = true;
+  // Someone at the console picks this entry from the boot menu (see BootSelection::pick).
+  std::string pick;
 };
 
 }  // namespace tavisim

@@ -134,6 +134,11 @@ class Device {
   // Starts the machine: boot loader, kernel, start-up entry (see tavisim/boot.h).
   BootResult boot(const BootOptions& options);
   BootResult boot();
+  // The firmware's variable in which the boot loader keeps the title of the entry it
+  // booted last (remember_last_entry); empty when it holds none. Setting it empty clears
+  // it, as a reset of the firmware's variables does.
+  std::string remembered_entry() const;
+  void set_remembered_entry(const std::string& title);
 
   // Time and events.
   int64_t virtual_ms() const;  // since the clock's configured start
