@@ -202,7 +202,8 @@ class TokenTest : public ::testing::Test {
     ASSERT_TRUE(tokens_->init("ota"));
     put(work_("file.txt"), "any file of a source\n");
     put(work_("editor.tpk"), std::string(3000, 'e') + "editor package\n");
-    put(work_("kernel"), std::string(5000, 'k') + "kernel image\n");
+    // A kernel the boot loader would start: the publisher refuses any other.
+    ASSERT_EQ(publish({"kernel", "--build", "20250110", "--commit", "a1b2c3d4e5", "--out", work_("kernel")}).status, 0);
   }
 
   // Makes a key pair in a token and returns the path of its public key file.
