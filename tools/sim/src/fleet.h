@@ -143,6 +143,7 @@ struct DeviceReport {
   uint64_t boots = 0;
   uint64_t cuts = 0;
   uint64_t drops = 0;
+  uint64_t rollbacks = 0;  // system trials the device rolled back
   std::string kept = "-";  // the device directory, relative to OUT, when kept
   std::vector<Sample> timeline;  // at the start and after each round
 };

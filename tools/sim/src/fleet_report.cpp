@@ -83,7 +83,7 @@ uint64_t mix_setting(const Results& r, const std::string& key, uint64_t fallback
 constexpr const char* kDeviceColumns[] = {
     "device", "version",     "keygen",   "build",       "spare",   "free",      "trial",
     "auto",   "end_version", "end_keygen", "end_build", "end_trial", "outcome", "reason",
-    "updated_at", "boots",   "cuts",     "drops",       "dir",     "said"};
+    "updated_at", "boots",   "cuts",     "drops",       "rollbacks", "dir",   "said"};
 
 struct OutcomeText {
   const char* outcome;
@@ -94,7 +94,7 @@ constexpr OutcomeText kMeanings[] = {
     {"current", "started on the release and stayed there"},
     {"refused", "the device said no to the release (the reason names its message)"},
     {"in-trial", "restarted into the new state but its trial is still open"},
-    {"needs-person", "waits for its owner: a restart, a system apply, or automatic search is off"},
+    {"needs-person", "waits for its owner: a restart, a system apply (again, after a rolled-back trial), or automatic search is off"},
     {"behind", "would take the release but did not get it within the rounds (the link dropped)"},
     {"outside", "ends in a state that is neither its starting one nor the release's (kept)"},
     {"cannot-boot", "stands at the boot loader (kept)"},
@@ -157,6 +157,7 @@ std::string format_device_line(const DeviceReport& d) {
                                 std::to_string(d.boots),
                                 std::to_string(d.cuts),
                                 std::to_string(d.drops),
+                                std::to_string(d.rollbacks),
                                 d.kept,
                                 dash(escape_field(d.said))};
   std::string line;
@@ -186,8 +187,9 @@ std::optional<DeviceReport> parse_device_line(const std::string& line) {
   d.boots = number(f[15]);
   d.cuts = number(f[16]);
   d.drops = number(f[17]);
-  d.kept = f[18];
-  d.said = unescape_field(undash(f[19]));
+  d.rollbacks = number(f[18]);
+  d.kept = f[19];
+  d.said = unescape_field(undash(f[20]));
   return d;
 }
 
@@ -356,15 +358,18 @@ std::string format_summary(const Results& r) {
     << " | " << decimal(device_rounds ? static_cast<double>(total.requests) / device_rounds : 0, 4) << " | "
     << decimal(device_rounds ? static_cast<double>(total.bytes) / device_rounds : 0, 1) << " |\n\n";
 
-  uint64_t boots = 0, cuts = 0, drops = 0, cut_devices = 0;
+  uint64_t boots = 0, cuts = 0, drops = 0, cut_devices = 0, rollbacks = 0, rolled_devices = 0;
   for (auto& d : r.devices) {
     boots += d.boots;
     cuts += d.cuts;
     drops += d.drops;
     cut_devices += d.cuts > 0;
+    rollbacks += d.rollbacks;
+    rolled_devices += d.rollbacks > 0;
   }
-  o << "## Faults and starts\n\n- Machine starts: " << boots << ".\n- Power cuts: " << cuts << ", on " << cut_devices
-    << " devices.\n- Downloads that broke off: " << drops << ".\n\n";
+  o << "## Faults, starts and rollbacks\n\n- Machine starts: " << boots << ".\n- Power cuts: " << cuts << ", on "
+    << cut_devices << " devices.\n- Downloads that broke off: " << drops << ".\n- System trials rolled back: " << rollbacks
+    << ", on " << rolled_devices << " devices.\n\n";
 
   o << "## Starting mix\n\n```\n";
   for (auto& [k, v] : r.run)
