@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -80,6 +81,20 @@ std::string prepare_out(const std::string& out) {
   if (!t.files.empty() || !t.dirs.empty() || !t.others.empty())
     throw SimError("--out " + out + " is not empty; give a new directory");
   return dir;
+}
+
+// Devices make and remove many small files; in memory (tmpfs) that costs a fraction of
+// what a disk file system spends on it. /dev/shm is used when programs can run from it,
+// else a directory inside OUT's scratch.
+std::string scratch_dir(const std::string& fallback) {
+  struct statvfs fs;
+  if (statvfs("/dev/shm", &fs) == 0 && !(fs.f_flag & ST_NOEXEC) && !(fs.f_flag & ST_RDONLY) &&
+      access("/dev/shm", W_OK | X_OK) == 0) {
+    char tmpl[] = "/dev/shm/tavi-fleet-XXXXXX";
+    if (mkdtemp(tmpl)) return tmpl;
+  }
+  make_host_dirs(fallback + "/scratch");
+  return fallback + "/scratch";
 }
 
 bool tool_present(const char* name) {
@@ -385,7 +400,8 @@ int run_fleet(int argc, char** argv) {
   c.release = &release;
   c.mix = &mix;
   std::string work = p.out + "/.fleet";
-  c.calls = calibrate(p, release, mix, work + "/calibration");
+  c.scratch = scratch_dir(work);
+  c.calls = calibrate(p, release, mix, c.scratch + "/calibration");
   Server server = start_server(release, work + "/nginx");
   c.port = server.port;
   struct sigaction sa{};
@@ -396,9 +412,12 @@ int run_fleet(int argc, char** argv) {
     run_devices(c, indices, jobs, results, release.has_system);
   } catch (...) {
     stop_server(server);
+    remove_host_tree(c.scratch);
+    remove_host_tree(work);
     throw;
   }
   results.traffic = stop_server(server);
+  remove_host_tree(c.scratch);
   remove_host_tree(work);
   sort_devices(results);
   return finish(p.out, results);

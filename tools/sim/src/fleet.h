@@ -154,6 +154,9 @@ struct LifeContext {
   const Mix* mix = nullptr;
   CallCounts calls;
   int port = 0;
+  // Where device directories live while their device runs; kept ones are copied to
+  // OUT/devices/ at their end.
+  std::string scratch;
 };
 
 DeviceReport live_device(const LifeContext& c, uint64_t index);

@@ -2,6 +2,9 @@
 // round its owner's restarts and system applies, the service loop's passes with their
 // pauses, power cuts and dropping links, and at the end what it runs and why.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -82,6 +85,36 @@ std::string hours_text(int64_t ms) {
   return s;
 }
 
+// An ESP image as its non-zero blocks: a fresh FAT image is mostly zeros, so this keeps
+// little in memory and writes a sparse file that costs no disk for the rest.
+struct SparseImage {
+  static constexpr size_t kBlock = 4096;
+  size_t size = 0;
+  std::vector<std::pair<size_t, std::string>> blocks;  // offset, bytes
+
+  static SparseImage of(const std::string& bytes) {
+    SparseImage s;
+    s.size = bytes.size();
+    for (size_t off = 0; off < bytes.size(); off += kBlock) {
+      size_t n = std::min(kBlock, bytes.size() - off);
+      const char* p = bytes.data() + off;
+      if (!std::all_of(p, p + n, [](char c) { return c == 0; })) s.blocks.push_back({off, std::string(p, n)});
+    }
+    return s;
+  }
+
+  void write(const std::string& path) const {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) throw SimError("cannot write " + path);
+    bool ok = true;
+    for (auto& [off, bytes] : blocks)
+      ok = ok && pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(off)) == static_cast<ssize_t>(bytes.size());
+    ok = ok && ftruncate(fd, static_cast<off_t>(size)) == 0;
+    close(fd);
+    if (!ok) throw SimError("cannot write " + path);
+  }
+};
+
 // The commit name of a build the fleet makes up for a device's starting kernel.
 std::string made_up_commit(uint64_t build) { return sha256_hex("tavi build " + std::to_string(build)).substr(0, 10); }
 
@@ -141,7 +174,7 @@ class Life {
     init.ota_binary = p_.ota_binary;
     init_device(dir_, init);
     Device d = Device::open(dir_);
-    write_host_file(d.disk_image("sda1"), esp_image(start_.build));
+    esp_image(start_.build).write(d.disk_image("sda1"));
 
     Config& cfg = d.config();
     cfg.fetch_curl = false;  // the starting state is prepared without the server
@@ -251,17 +284,17 @@ class Life {
   }
 
   // ESP images are made once per build and copied: mkfs and mtools cost more than a copy.
-  std::string esp_image(uint64_t build) {
-    static std::map<uint64_t, std::string> made;
+  const SparseImage& esp_image(uint64_t build) {
+    static std::map<uint64_t, SparseImage> made;
     auto it = made.find(build);
     if (it != made.end()) return it->second;
     uint64_t kib = std::max(kMinimumEspKiB, rel_.kernel_bytes * 3 / 1024 + 2048);
     std::string image = dir_ + "/disks/template.img";
     make_host_dirs(dir_ + "/disks");
     make_fat_image(image, {{"limine.conf", kMenu}, {"tavi.mb", slot_a_kernel(build)}}, static_cast<unsigned>(kib));
-    std::string bytes = must_read(image);
+    SparseImage sparse = SparseImage::of(must_read(image));
     remove_host_tree(image);
-    return made[build] = bytes;
+    return made[build] = std::move(sparse);
   }
 
   static std::string trial_state(const Device& d) {
@@ -490,7 +523,7 @@ class Life {
 
 DeviceReport live_device(const LifeContext& c, uint64_t index) {
   std::string rel_dir = "devices/" + six_digits(index);
-  std::string dir = c.params->out + "/" + rel_dir;
+  std::string dir = c.scratch + "/" + rel_dir;
   StartState start = draw_start(*c.mix, c.params->seed, index);
   DeviceReport rep;
   bool keep = false;
@@ -508,8 +541,14 @@ DeviceReport live_device(const LifeContext& c, uint64_t index) {
     rep.said = e.what();
     keep = true;
   }
-  if (keep) rep.kept = rel_dir;
-  else remove_host_tree(dir);
+  if (keep) {
+    std::string to = c.params->out + "/" + rel_dir;
+    make_host_dirs(parent_of(to));
+    ToolRun copy;
+    copy.argv = {"cp", "-a", dir, to};
+    if (run_tool(copy) == 0) rep.kept = rel_dir;
+  }
+  remove_host_tree(dir);
   return rep;
 }
 

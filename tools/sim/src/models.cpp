@@ -243,7 +243,7 @@ int Kernel::model_fetch(Tracee& t, const std::vector<std::string>& words) {
       return 1;
     }
     ToolRun run;
-    run.argv = {"curl", "-s", "-f", "--max-time", "60", "-o", "-"};
+    run.argv = {"curl", "-q", "-s", "-f", "--max-time", "60", "-o", "-"};
     if (a.resume) {
       run.argv.push_back("-C");
       run.argv.push_back(std::to_string(a.offset));
