@@ -269,8 +269,6 @@ class Life {
     return rep;
   }
 
-  const CallCounts& calls() const { return calls_; }
-
  private:
   std::string must_read(const std::string& path) {
     auto text = read_host_file(path);
@@ -465,7 +463,7 @@ class Life {
                       start_.trial == "none";
     if (on) return outcome(started_on ? "current" : "updated");
     if (rep.end_trial != "none") {
-      if (waiting_restart_ || powered_off_)
+      if (waiting_restart_)
         return outcome("needs-person", "waits-for-restart", "the device waits for its owner to restart it");
       return outcome("in-trial", rep.end_trial == "open" ? "package-trial-open" : "system-trial-pending");
     }
