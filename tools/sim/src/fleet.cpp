@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -127,6 +128,9 @@ class Progress {
       if (counts_[o]) line += "  " + std::string(o) + " " + std::to_string(counts_[o]);
     if (done_ < total_)
       line += "  about " + duration_text(spent / static_cast<double>(done_) * static_cast<double>(total_ - done_)) + " left";
+    // One line rewritten in place: longer than the terminal, it would wrap and stay.
+    winsize w{};
+    if (ioctl(2, TIOCGWINSZ, &w) == 0 && w.ws_col > 1 && line.size() >= w.ws_col) line.resize(w.ws_col - 1);
     std::string text = "\r\x1b[K" + line;
     if (write(2, text.data(), text.size()) < 0) on_ = false;
   }
