@@ -84,12 +84,17 @@ std::string prepare_out(const std::string& out) {
   return dir;
 }
 
+// Room a running device may need: its root with a release's downloads and a snapshot of
+// them, and its ESP image.
+constexpr uint64_t kScratchPerJob = 256ull << 20;
+
 // Devices make and remove many small files; in memory (tmpfs) that costs a fraction of
-// what a disk file system spends on it. /dev/shm is used when programs can run from it,
-// else a directory inside OUT's scratch.
-std::string scratch_dir(const std::string& fallback) {
+// what a disk file system spends on it. /dev/shm is used when programs can run from it
+// and it has room for every job, else a directory inside OUT's scratch.
+std::string scratch_dir(const std::string& fallback, uint64_t jobs) {
   struct statvfs fs;
   if (statvfs("/dev/shm", &fs) == 0 && !(fs.f_flag & ST_NOEXEC) && !(fs.f_flag & ST_RDONLY) &&
+      static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize >= jobs * kScratchPerJob &&
       access("/dev/shm", W_OK | X_OK) == 0) {
     char tmpl[] = "/dev/shm/tavi-fleet-XXXXXX";
     if (mkdtemp(tmpl)) return tmpl;
@@ -404,7 +409,7 @@ int run_fleet(int argc, char** argv) {
   c.release = &release;
   c.mix = &mix;
   std::string work = p.out + "/.fleet";
-  c.scratch = scratch_dir(work);
+  c.scratch = scratch_dir(work, jobs);
   c.calls = calibrate(p, release, mix, c.scratch + "/calibration");
   Server server = start_server(release, work + "/nginx");
   c.port = server.port;
