@@ -257,52 +257,71 @@ void run_devices(const LifeContext& c, const std::vector<uint64_t>& indices, uin
     }
   };
   for (auto& w : workers) give(w);
-  size_t received = 0;
-  while (received < indices.size()) {
-    if (interrupted) break;
-    std::vector<pollfd> fds;
-    for (auto& w : workers)
-      if (w.from >= 0) fds.push_back({w.from, POLLIN, 0});
-    if (fds.empty()) break;
-    if (poll(fds.data(), fds.size(), 1000) < 0 && errno != EINTR) break;
+  // Ends the workers: at the end they see their input close; after a failure they are killed.
+  auto stop_workers = [&](bool kill_them) {
     for (auto& w : workers) {
-      if (w.from < 0) continue;
-      char chunk[65536];
-      ssize_t n = read(w.from, chunk, sizeof chunk);
-      if (n < 0) continue;
-      if (n == 0) {
-        close(w.from);
-        w.from = -1;
-        if (w.busy) throw SimError("a worker process ended before its device did");
-        continue;
+      if (w.to >= 0) close(w.to);
+      w.to = -1;
+      if (kill_them) kill(w.pid, SIGKILL);
+      while (waitpid(w.pid, nullptr, 0) < 0 && errno == EINTR) {
       }
-      w.buf.append(chunk, static_cast<size_t>(n));
-      size_t nl;
-      while ((nl = w.buf.find('\n')) != std::string::npos) {
-        std::string line = w.buf.substr(0, nl);
-        w.buf.erase(0, nl + 1);
-        size_t cut = line.rfind('\t');
-        auto rep = parse_device_line(line.substr(0, cut));
-        if (!rep) throw SimError("a worker sent a line that is no device: " + line);
-        rep->timeline = decode_timeline(line.substr(cut + 1));
-        add_to_rollout(results.rollout, *rep, has_system);
-        rep->timeline.clear();
-        progress.done(rep->outcome);
-        results.devices.push_back(*rep);
-        received++;
-        w.busy = false;
-        give(w);
+      if (w.from >= 0) close(w.from);
+      w.from = -1;
+    }
+  };
+  try {
+    size_t received = 0;
+    while (received < indices.size() && !interrupted) {
+      std::vector<pollfd> fds;
+      std::vector<Worker*> polled;
+      for (auto& w : workers) {
+        if (w.from < 0) continue;
+        fds.push_back({w.from, POLLIN, 0});
+        polled.push_back(&w);
+      }
+      if (fds.empty()) throw SimError("every worker process ended before the fleet was done");
+      if (poll(fds.data(), fds.size(), 1000) < 0) {
+        if (errno == EINTR) continue;
+        throw SimError(std::string("poll failed: ") + strerror(errno));
+      }
+      for (size_t i = 0; i < fds.size(); i++) {
+        if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+        Worker& w = *polled[i];
+        char chunk[65536];
+        ssize_t n = read(w.from, chunk, sizeof chunk);
+        if (n < 0) continue;
+        if (n == 0) {
+          close(w.from);
+          w.from = -1;
+          if (w.busy) throw SimError("a worker process ended before its device did");
+          continue;
+        }
+        w.buf.append(chunk, static_cast<size_t>(n));
+        size_t nl;
+        while ((nl = w.buf.find('\n')) != std::string::npos) {
+          std::string line = w.buf.substr(0, nl);
+          w.buf.erase(0, nl + 1);
+          size_t cut = line.rfind('\t');
+          auto rep = cut == std::string::npos ? std::nullopt : parse_device_line(line.substr(0, cut));
+          if (!rep) throw SimError("a worker sent a line that is no device: " + line);
+          rep->timeline = decode_timeline(line.substr(cut + 1));
+          add_to_rollout(results.rollout, *rep, has_system);
+          rep->timeline.clear();
+          progress.done(rep->outcome);
+          results.devices.push_back(*rep);
+          received++;
+          w.busy = false;
+          give(w);
+        }
       }
     }
+  } catch (...) {
+    progress.end();
+    stop_workers(true);
+    throw;
   }
   progress.end();
-  for (auto& w : workers) {
-    if (w.to >= 0) close(w.to);
-    if (interrupted) kill(w.pid, SIGKILL);
-    while (waitpid(w.pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    if (w.from >= 0) close(w.from);
-  }
+  stop_workers(interrupted);
   if (interrupted) throw SimError("interrupted");
 }
 
