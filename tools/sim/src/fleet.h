@@ -50,6 +50,14 @@ struct Release {
   uint64_t min_from = 0;
   std::string kernel_file;  // the kernel image's name in the system source
   uint64_t kernel_bytes = 0;
+  // The overlay files the build brings: where they go on the device, their SHA-256, and
+  // their name in the system source.
+  struct OverlayFile {
+    std::string path;
+    std::string sha256;
+    std::string name;
+  };
+  std::vector<OverlayFile> overlay;
   std::string system_catalog_sha256;
 };
 

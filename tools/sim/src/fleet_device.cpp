@@ -200,6 +200,14 @@ class Life {
     if (start_.spare) d.write_file("/system/ersatz.pub", must_read(p_.spare_key_file));
     if (start_.version) d.write_file("/system/FASSUNG", eight_digits(start_.version) + "\n");
     if (start_.build) d.write_file("/system/SYSVERSION", eight_digits(start_.build) + "\n");
+    // A device on the release's build has its overlay files already.
+    if (rel_.has_system && start_.build == rel_.build) {
+      for (auto& f : rel_.overlay) {
+        bool program = f.path.rfind("/bin/", 0) == 0 ||
+                       (f.path.size() > 6 && f.path.compare(f.path.size() - 6, 6, "/start") == 0);
+        d.write_file(f.path, must_read(rel_.system_dir + "/" + f.name), program ? 0755 : 0644);
+      }
+    }
     KernelImage k = read_kernel_image(slot_a_kernel(start_.build));
     d.write_file("/proc/version", "tavi " + k.build + " build " + k.commit + " (tavi-sim stand-in kernel)\n");
 
@@ -489,7 +497,16 @@ class Life {
                                   std::max(rel_.newest_generation, start_.keygen));
     if (why.empty() && rel_.has_system) why = either("system build", rep.end_build, start_.build, rel_.build);
     if (!why.empty() || rep.end_trial == "system") return why;
-    // Outside a system trial, slot A holds the kernel of the installed build.
+    // Outside a system trial, no overlay change is under way, the build's overlay files are
+    // there exactly when the build is, and slot A holds the kernel of the installed build.
+    if (d.exists("/system/SYSOVL")) return "an overlay journal is left without a system trial";
+    for (auto& f : rel_.overlay) {
+      auto bytes = d.read_file(f.path);
+      if (rep.end_build == rel_.build && (!bytes || sha256_hex(*bytes) != f.sha256))
+        return f.path + " is not the file of build " + std::to_string(rel_.build);
+      if (rep.end_build != rel_.build && d.exists(f.path))
+        return f.path + " of build " + std::to_string(rel_.build) + " is there on build " + std::to_string(rep.end_build);
+    }
     auto slot_a = d.esp_read("sda1", "tavi.mb");
     KernelImage k = read_kernel_image(slot_a.value_or(""));
     if (!k.valid) return "slot A holds no kernel that starts";

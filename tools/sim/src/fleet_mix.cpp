@@ -112,6 +112,10 @@ Release read_release(const std::string& package_dir, const std::string& system_d
     } else if (f[0] == "sysfile" && f.size() > 4 && f[1] == "kernel") {
       r.kernel_bytes = leading_number(f[3]);
       r.kernel_file = f[4];
+    } else if (f[0] == "sysfile" && f.size() > 5 && f[1] == "file") {
+      // A bare program name goes to /bin; any other target is its own path.
+      std::string path = !f[5].empty() && f[5][0] == '/' ? f[5] : "/bin/" + f[5];
+      r.overlay.push_back({path, f[2], f[4]});
     } else if (f[0] == "kette" && f.size() > 1) {
       r.newest_generation = std::max(r.newest_generation, leading_number(f[1]));
     }
