@@ -397,6 +397,7 @@ int run_fleet(int argc, char** argv) {
   if (out.empty()) throw UsageError("--out is missing");
   if (jobs == 0) throw UsageError("--jobs wants at least 1");
 
+  if (geteuid() != 0) throw SimError("the devices need root (chroot and ptrace): run tavi-sim fleet as root");
   p.trusted_key_file = absolute_file(p.trusted_key_file, "the trusted key");
   if (read_host_file(p.trusted_key_file)->size() != 32) throw SimError(p.trusted_key_file + " is not a 32-byte public key");
   if (!p.spare_key_file.empty()) {

@@ -595,6 +595,7 @@ CallCounts calibrate(const FleetParams& p, const Release& r, const Mix& m, const
   o.trace_calls = true;
   o.wall_seconds = kWallSeconds;
   RunResult pass = d.run({"service", "1", "system"}, o);
+  if (!pass.error.empty()) throw SimError("the calibration device could not run ota: " + pass.error);
   counts.service = std::max<uint64_t>(counts.service, pass.calls.size());
   if (r.has_system) {
     RunResult apply = d.run({"system", "apply"}, o);
