@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev libssl-dev zlib1g-dev
   libsodium-dev libdeflate-dev libdeflate-tools libclang-rt-14-dev
-  mtools dosfstools gzip pigz curl nginx-light mandoc
+  mtools dosfstools gzip pigz curl nginx-light mandoc gnuplot-nox
   libp11-kit-dev softhsm2
 )
 missing=()

@@ -93,6 +93,30 @@ bool parse_date_time(std::string_view text, int64_t& epoch_seconds) {
   return true;
 }
 
+bool parse_share_ppm(std::string_view text, uint32_t& ppm) {
+  constexpr uint64_t kMillion = 1000000;
+  size_t dot = text.find('.');
+  std::string_view whole = text.substr(0, dot);
+  std::string_view frac = dot == std::string_view::npos ? std::string_view() : text.substr(dot + 1);
+  if ((whole.empty() && frac.empty()) || frac.size() > 6) return false;
+  uint64_t w = 0, f = 0;
+  if (!whole.empty() && !parse_u64(whole, w)) return false;
+  if (!frac.empty() && !parse_u64(frac, f)) return false;
+  for (size_t i = frac.size(); i < 6; i++) f *= 10;
+  if (w > 1 || w * kMillion + f > kMillion) return false;
+  ppm = static_cast<uint32_t>(w * kMillion + f);
+  return true;
+}
+
+std::string format_share_ppm(uint32_t ppm) {
+  char buf[16];
+  snprintf(buf, sizeof buf, "%u.%06u", ppm / 1000000, ppm % 1000000);
+  std::string s = buf;
+  while (s.back() == '0') s.pop_back();
+  if (s.back() == '.') s.pop_back();
+  return s;
+}
+
 std::optional<std::string> map_url(const std::vector<Repo>& repos, std::string_view url) {
   const Repo* best = nullptr;
   for (auto& r : repos) {
@@ -240,6 +264,10 @@ Config parse_config(std::string_view text, const std::string& origin) {
       }
       (void)args;
       c.fetch_faults.push_back(f);
+    } else if (key == "fetch-drop") {
+      need(2, 2);
+      if (!parse_share_ppm(w[1], c.fetch_drop_ppm)) throw bad("not a share from 0 to 1: " + w[1]);
+      c.fetch_drop_seed = u64_at(2, "seed");
     } else if (key == "call-fault") {
       // call-fault NUMBER ERROR NTH [every] [path=PATH]
       if (w.size() < 4) throw bad("needs a call number, an error and which call");
@@ -332,6 +360,7 @@ std::string format_config(const Config& c) {
     else o << " " << f.arg << " " << f.times;
     o << "\n";
   }
+  if (c.fetch_drop_ppm) o << "fetch-drop " << format_share_ppm(c.fetch_drop_ppm) << " " << c.fetch_drop_seed << "\n";
   for (auto& f : c.call_faults) {
     o << "call-fault " << f.number << " " << f.error << " " << f.nth;
     if (f.every) o << " every";

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "fleet.h"
 #include "host.h"
 #include "tavisim/boot.h"
 #include "tavisim/device.h"
@@ -43,6 +44,8 @@ const char* kUsage =
     "  unset DIR KEY           remove every line of KEY from sim.conf\n"
     "  clock DIR [advance SECONDS]\n"
     "                     show (or move forward) the device's virtual clock\n"
+    "  fleet --source DIR --trusted PUB --devices N --rounds R --out OUT [options]\n"
+    "                     rehearse a release on a simulated fleet (docs/fleet.md)\n"
     "\n"
     "Each command takes --help. docs/simulator.md describes devices, sim.conf and events.log.\n";
 
@@ -379,6 +382,7 @@ int main(int argc, char** argv) {
     return argc < 2 ? 2 : 0;
   }
   std::string command = argv[1];
+  if (command == "fleet") return fleet::fleet_main(argc, argv);
   if (wants_help(argc, argv)) {
     for (auto& h : kHelp)
       if (command == h.command) {

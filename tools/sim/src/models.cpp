@@ -116,6 +116,15 @@ std::string format_installed(const std::vector<std::pair<std::string, std::strin
   return s;
 }
 
+// The n-th draw of a seeded generator (splitmix64 over seed and n): the same seed gives the
+// same draws on every host, whatever else the simulator does.
+uint64_t seeded_draw(uint64_t seed, uint64_t n) {
+  uint64_t z = seed + (n + 1) * 0x9e3779b97f4a7c15ull;
+  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
+  z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
+  return z ^ (z >> 31);
+}
+
 constexpr const char* kTpkState = "/system/tpk";
 constexpr const char* kTpkInstalled = "/system/tpk/installed";
 constexpr const char* kTrialRecord = "/system/ERPROBUNG";
@@ -234,7 +243,7 @@ int Kernel::model_fetch(Tracee& t, const std::vector<std::string>& words) {
       return 1;
     }
     ToolRun run;
-    run.argv = {"curl", "-s", "-f", "--max-time", "60", "-o", "-"};
+    run.argv = {"curl", "-q", "-s", "-f", "--max-time", "60", "-o", "-"};
     if (a.resume) {
       run.argv.push_back("-C");
       run.argv.push_back(std::to_string(a.offset));
@@ -271,6 +280,18 @@ int Kernel::model_fetch(Tracee& t, const std::vector<std::string>& words) {
       if (piece.size() > static_cast<uint64_t>(f.arg)) piece.resize(static_cast<size_t>(f.arg));
       stopped = true;
       fault("stop", std::to_string(f.arg));
+    }
+  }
+  if (cfg_.fetch_drop_ppm > 0) {
+    // Two draws per fetch: whether the link drops, and after how many of the bytes.
+    int64_t& n = st_.counters["fetch-drop"];
+    uint64_t chance = seeded_draw(cfg_.fetch_drop_seed, static_cast<uint64_t>(n) * 2);
+    uint64_t point = seeded_draw(cfg_.fetch_drop_seed, static_cast<uint64_t>(n) * 2 + 1);
+    n++;
+    if (chance % 1000000 < cfg_.fetch_drop_ppm) {
+      piece.resize(static_cast<size_t>(point % (piece.size() + 1)));
+      stopped = true;
+      fault("drop", std::to_string(piece.size()));
     }
   }
   if (!fs_->write(device_path_of(t, a.out), piece, a.resume)) return 1;

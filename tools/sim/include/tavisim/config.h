@@ -100,6 +100,11 @@ struct Config {
   std::map<std::string, std::string> programs;  // device path -> host executable
 
   std::vector<FetchFault> fetch_faults;
+  // A link that drops: every fetch, with this chance in parts per million, breaks off after
+  // a random share of its bytes. The draws come from a generator seeded with
+  // fetch_drop_seed whose position lives in kernel.state, so a device replays them exactly.
+  uint32_t fetch_drop_ppm = 0;
+  uint64_t fetch_drop_seed = 0;
   std::vector<CallFault> call_faults;
   std::optional<Cut> cut;
 
@@ -127,6 +132,11 @@ std::optional<std::string> map_url(const std::vector<Repo>& repos, std::string_v
 
 // The file name a fetch fault is matched against: the URL's last component.
 std::string url_file_name(std::string_view url);
+
+// A share written as a decimal fraction from 0 to 1 with at most six decimals ("0.05"),
+// in parts per million; and back.
+bool parse_share_ppm(std::string_view text, uint32_t& ppm);
+std::string format_share_ppm(uint32_t ppm);
 
 // "2026-02-03 09:05:00" -> seconds since 1970 (UTC, the device clock has no zones).
 bool parse_date_time(std::string_view text, int64_t& epoch_seconds);
