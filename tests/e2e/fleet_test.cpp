@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -330,7 +331,13 @@ TEST_F(FleetTest, AKernelThatDoesNotComeUpIsRolledBackOnEveryDeviceThatTriesIt) 
 }
 
 TEST_F(FleetTest, AKernelImageThatCannotStartLeavesDevicesAtTheBootLoaderWithTheirDirectoriesKept) {
-  spill(base_ + "/files/garbage.mb", std::string(70000, 'g'));
+  // Bytes the boot loader accepts (a multiboot1 header asking for a framebuffer) but that
+  // are no kernel the machine can run: the publisher takes it, every device that tries it
+  // stands at the boot loader.
+  std::string garbage(70000, 'g');
+  const uint32_t header[3] = {0x1BADB002u, 0x4u, 0u - 0x1BADB002u - 0x4u};
+  std::memcpy(garbage.data(), header, sizeof header);
+  spill(base_ + "/files/garbage.mb", garbage);
   publish_system("garbage", base_ + "/files/garbage.mb");
   spill(base_ + "/mix", kSystemMix);
   Cli c = fleet("out", {"--devices", "3", "--power-cut", "0", "--fetch-fail", "0", "--mix", base_ + "/mix"}, "garbage");
