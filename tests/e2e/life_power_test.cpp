@@ -769,6 +769,251 @@ TEST_P(PowerLossMatrix, EveryCutPointBootsIntoTheOldOrTheNewState) {
   }
 }
 
+// The windows of the design, each at the first cut point that shows it (docs/robustness.md,
+// "Power loss"): what the device shows there and the recovery a person can do on it; and
+// the windows that are closed, each shown closed.
+class PowerLossKnown : public PowerLoss {
+ protected:
+  // The calls right after which the windows open.
+  static constexpr int64_t kWrite = 1;
+  static constexpr int64_t kRename = 82;
+  static constexpr int64_t kUnlink = 87;
+  static constexpr int64_t kSpawn = 1001;
+
+  // The first cut point (or only those right after a call numbered `after`, when given)
+  // after which the device, before it is started again, shows what `shows` looks for.
+  uint64_t first_cut_where(Road road, const std::function<bool(Device&)>& shows, int64_t after = -1) {
+    std::vector<int64_t> calls = calibrate(road);
+    std::string work = device().dir() + "/scratch/find";
+    for (uint64_t k = 1; k <= calls.size(); k++) {
+      if (after >= 0 && (k < 2 || calls[k - 2] != after)) continue;
+      Device d = copy_device(work);
+      if (run_road(d, road, k, Durability::all).cut && shows(d)) return k;
+    }
+    return 0;
+  }
+  Device cut_copy(Road road, uint64_t k) {
+    Device d = copy_device(device().dir() + "/scratch/cut");
+    EXPECT_TRUE(run_road(d, road, k, Durability::all).cut);
+    return d;
+  }
+  static bool pending(const Device& d) { return d.exists("/system/SYSPENDING"); }
+  static std::string menu_of(const Device& d) {
+    return menu_default(d.esp_read("sda1", "limine.conf").value_or(""));
+  }
+};
+
+TEST_F(PowerLossKnown, TheMenuIsMissingBetweenItsDeleteAndTheRenameOfTheNewOne) {
+  // FAT cannot rename over a file, so the old menu is deleted before the new one is
+  // renamed into place: a power loss between the two leaves no limine.conf, and the boot
+  // loader starts nothing. The new menu is complete in limine.nw.
+  prepare(Road::system_apply);
+  uint64_t k = first_cut_where(
+      Road::system_apply, [](Device& d) { return !d.esp_read("sda1", "limine.conf"); }, kUnlink);
+  ASSERT_GT(k, 0u);
+  Device d = cut_copy(Road::system_apply, k);
+  BootResult b = start_up(d);
+  EXPECT_FALSE(b.booted);
+  EXPECT_EQ(b.stuck, "no ESP with a limine.conf");
+  EXPECT_EQ(d.esp_read("sda1", "limine.nw"), staged_menu());
+  EXPECT_EQ(d.esp_read("sda1", "tavi-b.mb"), second_.kernel);
+  // Renaming it by hand (from the firmware's shell or another computer) finishes the
+  // staged update.
+  tavisim::fat_write(d.disk_image("sda1"), "limine.conf", staged_menu());
+  tavisim::fat_remove(d.disk_image("sda1"), "limine.nw");
+  b = start_up(d);
+  ASSERT_TRUE(b.booted);
+  EXPECT_EQ(b.entry, 2);
+  EXPECT_EQ(system_state(d, b), "new");
+}
+
+TEST_F(PowerLossKnown, APendingRecordWithoutATrialWaitsForOtaConfirm) {
+  // The pending record is written before the trial record. After a cut between them no
+  // trial is open: the start-up check does not run the confirmation, and `ota system
+  // apply` refuses; the menu still starts the old kernel. `ota confirm` rolls it back.
+  prepare(Road::system_apply);
+  uint64_t k = first_cut_where(
+      Road::system_apply, [](Device& d) { return pending(d) && !d.exists("/system/ERPROBUNG"); }, kRename);
+  ASSERT_GT(k, 0u);
+  Device d = cut_copy(Road::system_apply, k);
+  BootResult b = start_up(d);
+  ASSERT_TRUE(b.booted);
+  EXPECT_EQ(b.kernel.build, "20260101");
+  EXPECT_EQ(b.start_entry.out, "ota: automatic search is OFF\n");
+  EXPECT_TRUE(pending(d));
+  RunResult status = d.run({"system", "status"});
+  EXPECT_NE(status.out.find("system: pending trial of build \ncount=20260301\n"), std::string::npos) << status.out;
+  RunResult again = d.run({"system", "apply"});
+  EXPECT_EQ(again.status, 1);
+  EXPECT_EQ(again.err, "ota: a trial is running or pending, confirm or restart first\n");
+  RunResult confirm = d.run({"confirm"});
+  EXPECT_NE(confirm.out.find("system: trial kernel was rolled back, update dropped\n"), std::string::npos)
+      << confirm.out;
+  EXPECT_EQ(system_state(d, b), "old");
+}
+
+TEST_F(PowerLossKnown, AnUpdateWhoseTrialWasClosedIsPromotedByOtaConfirm) {
+  // The start-up check closes the trial ("trial ok") before the system confirmation
+  // promotes slot B. After a cut between them the next start finds no open trial and
+  // leaves the update pending on entry 2; `ota confirm` promotes it.
+  prepare(Road::boot_confirm);
+  uint64_t k = first_cut_where(
+      Road::boot_confirm, [](Device& d) { return pending(d) && !trial_open(d) && menu_of(d) == "2"; }, kSpawn);
+  ASSERT_GT(k, 0u);
+  Device d = cut_copy(Road::boot_confirm, k);
+  BootResult b = start_up(d);
+  ASSERT_TRUE(b.booted);
+  EXPECT_EQ(b.entry, 2);
+  EXPECT_EQ(b.trial_starts, -1);
+  EXPECT_TRUE(pending(d));
+  RunResult confirm = d.run({"confirm"});
+  EXPECT_NE(confirm.out.find("system: new kernel confirmed and promoted to slot A\n"), std::string::npos)
+      << confirm.out;
+  EXPECT_EQ(system_state(d, b), "new");
+}
+
+TEST_F(PowerLossKnown, APromotionCutAfterItsMenuSwitchIsFinishedNotRolledBack) {
+  // The promotion switches the menu back to entry 1 before it removes the pending record.
+  // After a cut between the two, slot A already holds the new kernel: the next
+  // confirmation finishes the promotion instead of taking the switched menu for a start of
+  // the old entry.
+  prepare(Road::boot_confirm);
+  uint64_t k = first_cut_where(
+      Road::boot_confirm, [](Device& d) { return pending(d) && menu_of(d) == "1"; }, kWrite);
+  ASSERT_GT(k, 0u);
+  Device d = cut_copy(Road::boot_confirm, k);
+  EXPECT_EQ(d.esp_read("sda1", "tavi.mb"), second_.kernel);
+  BootResult b = start_up(d);
+  ASSERT_TRUE(b.booted);
+  EXPECT_EQ(b.entry, 1);
+  EXPECT_EQ(b.kernel.build, "20260301");
+  RunResult confirm = d.run({"confirm"});
+  EXPECT_EQ(confirm.out, "system: overlay committed\nsystem: new kernel confirmed and promoted to slot A\n");
+  EXPECT_EQ(system_state(d, b), "new");
+}
+
+TEST_F(PowerLossKnown, AJournalLeftByACutPromotionIsRestoredUnderTheNewKernel) {
+  // The promotion removes the pending record before it commits the overlay. After a cut
+  // between the two, the journal is left without a pending record, and the next
+  // confirmation (the user's, or the start-up check of the next package update) takes it
+  // for an interrupted install and restores it: old files come back under the new kernel,
+  // and the file the update added is deleted.
+  prepare(Road::boot_confirm);
+  auto shows = [](Device& d) { return !pending(d) && d.exists("/system/SYSOVL"); };
+  uint64_t k = first_cut_where(Road::boot_confirm, shows, kUnlink);
+  ASSERT_GT(k, 0u);
+  Device d = cut_copy(Road::boot_confirm, k);
+  BootResult b = start_up(d);
+  ASSERT_TRUE(b.booted);
+  EXPECT_EQ(b.kernel.build, "20260301");
+  EXPECT_EQ(read_or(d, "/system/SYSVERSION"), "20260301\n");
+  RunResult confirm = d.run({"confirm"});
+  EXPECT_EQ(confirm.out, "system: overlay restored (previous /bin files are back)\n");
+  EXPECT_EQ(read_or(d, "/bin/clock"), first_.files.at("/bin/clock"));
+  EXPECT_FALSE(d.exists("/apps/clock/start"));
+  EXPECT_NE(system_state(d, b), "new");
+
+  // Recovery: before any confirmation runs, the journal (and the backups beside it) is
+  // removed by hand; the new files stay, and the device is in the new state.
+  Device fresh = cut_copy(Road::boot_confirm, k);
+  b = start_up(fresh);
+  ASSERT_TRUE(b.booted);
+  fresh.remove("/system/SYSOVL");
+  std::filesystem::remove_all(fresh.host_path("/system/old"));
+  EXPECT_EQ(fresh.run({"confirm"}).out, "");
+  EXPECT_EQ(system_state(fresh, b), "new");
+}
+
+TEST_F(PowerLossKnown, AKeyChangeCutBeforeItsGenerationIsWrittenBreaksTheNextOne) {
+  // A key change writes the new key first and its generation after it. After a cut
+  // between the two the device trusts the new key with the old generation: catalogs signed
+  // with the new key are still taken, but the next key change is refused for good, since
+  // its first step is signed by a key the device no longer holds.
+  prepare(Road::key_change_one);
+  std::string k1 = e2e::read_all(key("k1") + ".pub");
+  uint64_t k = first_cut_where(
+      Road::key_change_one,
+      [&](Device& d) { return d.read_file("/system/schluessel.pub") == k1 && !d.exists("/system/SCHLUESSELGEN"); },
+      kRename);
+  ASSERT_GT(k, 0u);
+  Device d = cut_copy(Road::key_change_one, k);
+  ASSERT_TRUE(start_up(d).booted);
+  RunResult show = d.run({"show"});
+  EXPECT_NE(show.out.find("ota: key generation 0\n"), std::string::npos) << show.out;
+  RunResult search = d.run({"search"});
+  EXPECT_EQ(search.status, 0) << search.err;
+  EXPECT_EQ(search.out.find("KEY CHANGE"), std::string::npos);
+  d.write_file("/etc/ota.conf", std::string("quelle=") + kNextUrl + "\nname=life\nauto=nein\n");
+  RunResult next = d.run({"apply"});
+  EXPECT_EQ(next.status, 1);
+  EXPECT_EQ(next.err, "ota: KEY CHANGE: the chain is BROKEN -- REJECTED\n");
+
+  // Recovery: the generation of the key in place is written by hand (the catalog's
+  // "kette" line that carries this key names it); the chain goes on from there.
+  d.write_file("/system/SCHLUESSELGEN", "00000001\n");
+  next = d.run({"apply"});
+  EXPECT_EQ(next.status, 0) << next.err;
+  EXPECT_NE(next.out.find("ota: KEY CHANGE accepted, new generation 2\n"), std::string::npos) << next.out;
+  EXPECT_EQ(d.read_file("/system/schluessel.pub"), e2e::read_all(key("k2") + ".pub"));
+}
+
+TEST_F(PowerLossKnown, AKeyReplacementCutBeforeItsRenameIsFinishedByTheNextCommand) {
+  // The old key file is removed before the new one is renamed into place. After a cut
+  // between the two only schluessel.pub.nw is there; the next command that loads the keys
+  // finishes the rename instead of saying "no trusted key" from then on.
+  prepare(Road::key_change_one);
+  uint64_t k = first_cut_where(
+      Road::key_change_one,
+      [](Device& d) { return !d.exists("/system/schluessel.pub") && d.exists("/system/schluessel.pub.nw"); },
+      kUnlink);
+  ASSERT_GT(k, 0u);
+  Device d = cut_copy(Road::key_change_one, k);
+  RunResult search = d.run({"search"});
+  EXPECT_EQ(search.err, "");
+  EXPECT_EQ(search.status, 0);
+  EXPECT_EQ(d.read_file("/system/schluessel.pub"), e2e::read_all(key("k1") + ".pub"));
+  EXPECT_FALSE(d.exists("/system/schluessel.pub.nw"));
+}
+
+TEST_F(PowerLossKnown, ABackgroundChildCutBeforeItsProcessIdIsAliveUntilForce) {
+  // The background apply writes "state=running" before it forks; the child replaces it
+  // with its process id first thing. A cut between the two leaves a state that reads as a
+  // child still starting: status shows it running, and every later background apply is
+  // refused until `force` releases it.
+  prepare(Road::background_apply);
+  Device d = cut_copy(Road::background_apply, 1);
+  EXPECT_EQ(read_or(d, "/system/sys.apply"), "state=running\n");
+  ASSERT_TRUE(start_up(d).booted);
+  RunResult status = d.run({"system", "status"});
+  EXPECT_NE(status.out.find("system: apply running\n"), std::string::npos) << status.out;
+  EXPECT_EQ(status.out.find("stale"), std::string::npos) << status.out;
+  RunResult again = d.run({"system", "apply", "bg"});
+  EXPECT_EQ(again.status, 1);
+  EXPECT_EQ(again.out, "system: an apply is already running (state in /system/sys.apply)\n");
+  RunResult forced = d.run({"system", "apply", "bg", "force"});
+  EXPECT_EQ(forced.status, 0);
+  EXPECT_EQ(forced.out,
+            "system: the previous apply died, its running state was released\n"
+            "system: apply started in the background, watch: ota system status\n");
+  d.wait_background();
+  EXPECT_EQ(read_or(d, "/system/sys.apply"), "state=done\n");
+  EXPECT_TRUE(pending(d));
+}
+
+TEST_F(PowerLossKnown, SettingsCutBeforeTheirRenameAreFinishedByTheNextCommand) {
+  // `ota set` removes the old settings file before it renames the new one into place.
+  // After a cut between the two the next command finishes the rename instead of saying
+  // that /etc/ota.conf is missing from then on.
+  prepare(Road::set_setting);
+  uint64_t k = first_cut_where(
+      Road::set_setting, [](Device& d) { return !d.exists("/etc/ota.conf"); }, kUnlink);
+  ASSERT_GT(k, 0u);
+  Device d = cut_copy(Road::set_setting, k);
+  RunResult settings = d.run({"settings"});
+  EXPECT_NE(settings.out.find("\n  name     dev-7\n"), std::string::npos) << settings.out;
+  EXPECT_EQ(settings_state(d), "new");
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Roads, PowerLossMatrix,
     ::testing::Combine(::testing::Values(Road::package_apply, Road::service_round, Road::key_change_one,
