@@ -166,6 +166,24 @@ TEST_F(LifeOperator, ADropBeforeTheRestartIsCleanWithTheMenuSetBackByHand) {
   EXPECT_EQ(b.kernel.build, "20260101");
 }
 
+TEST_F(LifeOperator, ADropDuringTheTrialIsCleanWithTheMenuSetBackByHand) {
+  // The same on a system trial that runs: with the menu's default set back to entry 1 by
+  // hand, `ota system confirm` rolls the update back although its kernel runs, and the
+  // next start boots the old kernel in slot A; the start-up check closes the trial.
+  stage();
+  BootResult b = restart(false);
+  ASSERT_EQ(b.kernel.build, "20260301");
+  tavisim::fat_write(device().disk_image("sda1"), "limine.conf", promoted_menu());
+  ASSERT_EQ(device().run({"system", "confirm"}).out, kRolledBack);
+  b = restart();
+  ASSERT_TRUE(b.booted);
+  EXPECT_EQ(b.entry, 1);
+  EXPECT_EQ(b.kernel.build, "20260101");
+  EXPECT_EQ(b.start_entry.out, "ota: start healthy, trial confirmed after 60\nota: automatic search is OFF\n");
+  EXPECT_FALSE(trial_open());
+  expect_first_files_and_records();
+}
+
 // --- A system trial rolled back with the package command ---
 
 TEST_F(LifeOperator, OtaRollbackDuringASystemTrialClosesTheTrialAndLeavesTheUpdatePending) {

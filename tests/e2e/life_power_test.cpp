@@ -912,6 +912,14 @@ TEST_F(PowerLossKnown, AJournalLeftByACutPromotionIsRestoredUnderTheNewKernel) {
   EXPECT_EQ(read_or(d, "/bin/clock"), first_.files.at("/bin/clock"));
   EXPECT_FALSE(d.exists("/apps/clock/start"));
   EXPECT_NE(system_state(d, b), "new");
+  // Recovery once that happened: with the previous build written back into SYSVERSION by
+  // hand, the same update is offered again, and since its kernel already runs, applying it
+  // installs only the files.
+  d.write_file("/system/SYSVERSION", "20260101\n");
+  RunResult again = d.run({"system", "apply"});
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_NE(again.out.find("system: applied, no restart needed (same kernel)\n"), std::string::npos) << again.out;
+  EXPECT_EQ(system_state(d, b), "new");
 
   // Recovery: before any confirmation runs, the journal (and the backups beside it) is
   // removed by hand; the new files stay, and the device is in the new state.
