@@ -149,12 +149,12 @@ TEST_F(LifeOperator, OtaSystemConfirmBeforeTheRestartThenAHealthyKernelBRunsWith
 }
 
 TEST_F(LifeOperator, ADropBeforeTheRestartIsCleanWithTheMenuSetBackByHand) {
-  // The way to drop a staged update before its restart: `ota system confirm`, then the
-  // menu's default set back to entry 1 by hand. The next start boots the old kernel, the
+  // The way to drop a staged update before its restart: the menu's default set back to
+  // entry 1 by hand, then `ota system confirm`. The next start boots the old kernel, the
   // start-up check closes the trial, and nothing of the update is left in use.
   stage();
-  ASSERT_EQ(device().run({"system", "confirm"}).out, kRolledBack);
   tavisim::fat_write(device().disk_image("sda1"), "limine.conf", promoted_menu());
+  ASSERT_EQ(device().run({"system", "confirm"}).out, kRolledBack);
   BootResult b = restart();
   ASSERT_TRUE(b.booted);
   EXPECT_EQ(b.entry, 1);
