@@ -8,7 +8,7 @@ namespace ota {
 Settings settings;
 
 int load_settings() {
-  i64 n = read_file(kSettingsPath, settings.text, kSettingsBytes - 1);
+  i64 n = read_replaced_file(kSettingsPath, settings.text, kSettingsBytes - 1);
   if (n < 0) {
     settings.length = 0;
     settings.text[0] = 0;

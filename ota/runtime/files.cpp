@@ -37,11 +37,31 @@ int write_file(const char* path, const void* data, usize n) {
   return ok;
 }
 
+namespace {
+
+// The temporary name of a replacement, path with ".nw" appended; one static buffer, so only
+// one replacement is in progress at a time.
+char temporary[kReplacePathLimit + 4];
+
+[[gnu::noinline]] const char* temporary_name(const char* path) {
+  str_append_at(temporary, str_copy(temporary, path), ".nw");
+  return temporary;
+}
+
+}  // namespace
+
+i64 read_replaced_file(const char* path, void* buf, usize cap) {
+  i64 n = read_file(path, buf, cap);
+  // Only a replacement cut short between the removal of the old file and the rename of the
+  // new one leaves the temporary file without the file: that rename is finished here.
+  if (n < 0 && !is_error(sys_rename(temporary_name(path), path))) n = read_file(path, buf, cap);
+  return n;
+}
+
 int replace_file(const char* path, const void* data, usize n) {
-  static char temporary[kReplacePathLimit + 4];
   usize len = str_len(path);
   if (len != 0 && len < kReplacePathLimit) {
-    str_append_at(temporary, str_copy(temporary, path), ".nw");
+    temporary_name(path);
     remove_file(temporary);
     if (!write_file(temporary, data, n)) {
       remove_file(temporary);

@@ -17,6 +17,9 @@ constexpr usize kNumberValueBytes = 32;
 i64 read_file(const char* path, void* buf, usize cap);
 int write_file(const char* path, const void* data, usize n);
 int replace_file(const char* path, const void* data, usize n);
+// read_file for a file kept with replace_file: when the file is missing but its temporary
+// file is there, the interrupted replacement is finished first.
+i64 read_replaced_file(const char* path, void* buf, usize cap);
 int overwrite_in_place(const char* path, const void* data, usize n);
 u64 read_number_file(const char* path);
 int write_number_file(const char* path, u64 v);

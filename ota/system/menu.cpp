@@ -246,7 +246,12 @@ bool install_entry_b_at(const char* menu_path, const char* new_path) {
     remove_file(new_path);
   }
   sys_sync();
-  return file_size(menu_path) == length;
+  if (file_size(menu_path) == length) return true;
+  // Neither the rename nor the direct rewrite put the new menu in place. The old one goes
+  // back, so that the boot loader still finds a menu once the apply has undone its steps.
+  write_file(menu_path, menu_text, static_cast<usize>(n));
+  sys_sync();
+  return false;
 }
 
 bool install_entry_b() { return install_entry_b_at(kMenuFile, kNewMenuFile); }

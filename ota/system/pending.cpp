@@ -112,14 +112,15 @@ int confirm_system_update() {
     unmount_esp();
     return 0;
   }
-  if (mem_find(esp_menu_text, static_cast<usize>(m), "default_entry: 2", 16) < 0) {
-    // The menu no longer starts the trial entry.
-    unmount_esp();
-    return roll_back();
-  }
-  bool promoted = sha256_file_matches(slot_b_path, hash) && copy_file(slot_b_path, slot_a_path) &&
-                  sha256_file_matches(slot_a_path, hash) && reset_default_entry();
+  // A menu that no longer starts the trial entry means a rollback, unless slot A already
+  // holds the pending kernel: then the promotion itself switched the menu back to entry 1 and
+  // was ended before it could remove the pending record, and it is finished now.
+  bool staged = mem_find(esp_menu_text, static_cast<usize>(m), "default_entry: 2", 16) >= 0;
+  bool promoted = staged ? sha256_file_matches(slot_b_path, hash) && copy_file(slot_b_path, slot_a_path) &&
+                               sha256_file_matches(slot_a_path, hash) && reset_default_entry()
+                         : sha256_file_matches(slot_a_path, hash);
   unmount_esp();
+  if (!staged && !promoted) return roll_back();
   if (!promoted) return 0;  // stays pending; the next confirmation tries again
 
   write_number_file(kSystemVersionPath, build);

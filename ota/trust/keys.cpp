@@ -30,7 +30,8 @@ u64 read_key_generation() { return read_number_file(kKeyGenerationPath); }
 int write_key_generation(u64 generation) { return write_number_file(kKeyGenerationPath, generation); }
 
 int load_trusted_keys() {
-  if (!read_key_file(kTrustedKeyPath, trust.trusted_key)) return 0;
+  // The key file is kept with replace_file when a key change is accepted.
+  if (read_replaced_file(kTrustedKeyPath, trust.trusted_key, kKeyBytes) != static_cast<i64>(kKeyBytes)) return 0;
   trust.stored_generation = read_key_generation();
   trust.current_generation = trust.stored_generation;
   trust.spare_present = read_key_file(kSpareKeyPath, trust.spare_key);

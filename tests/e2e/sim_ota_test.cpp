@@ -192,7 +192,7 @@ TEST_F(OtaInSim, AnUnreadableSettingsFileListsNothing) {
 // Cutting `ota set` at every one of its system calls: with only synced data kept, the
 // settings file is always the old or the new one; with everything kept, the moment
 // between removing the old file and renaming the new one leaves only the new text in
-// /etc/ota.conf.nw.
+// /etc/ota.conf.nw, and the next command that reads the settings finishes the rename.
 class OtaSetCut : public DeviceTest, public ::testing::WithParamInterface<Durability> {};
 
 TEST_P(OtaSetCut, TheSettingsFileIsNeverHalfWritten) {
@@ -226,6 +226,10 @@ TEST_P(OtaSetCut, TheSettingsFileIsNeverHalfWritten) {
       ASSERT_TRUE(temp.has_value()) << "k=" << k << ": neither file is there";
       EXPECT_EQ(*temp, after) << "k=" << k;
       only_temporary++;
+      RunResult next = device().run({"settings"});
+      EXPECT_NE(next.out.find("\n  kanal    dev\n"), std::string::npos) << next.out;
+      EXPECT_EQ(device().read_file("/etc/ota.conf"), after);
+      EXPECT_FALSE(device().exists("/etc/ota.conf.nw"));
     } else {
       EXPECT_TRUE(*conf == before || *conf == after) << "k=" << k << ": " << *conf;
     }

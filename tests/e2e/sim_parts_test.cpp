@@ -109,6 +109,12 @@ TEST(SimConfig, EveryKeyRoundTrips) {
   EXPECT_EQ(c.rootsctl_fail, 4);
   Config back = parse_config(format_config(c));
   EXPECT_EQ(format_config(back), format_config(c));
+  // A cut that only the forked processes count (a background child) reads back as such.
+  Config forked = parse_config("cut 40 all forked\n");
+  ASSERT_TRUE(forked.cut.has_value());
+  EXPECT_TRUE(forked.cut->forked_only);
+  EXPECT_FALSE(forked.cut->any_process);
+  EXPECT_NE(format_config(forked).find("\ncut 40 all forked\n"), std::string::npos) << format_config(forked);
 }
 
 TEST(SimConfig, ErrorsNameTheLineAndTheValue) {

@@ -77,6 +77,35 @@ TEST(Files, ReplaceFileKeepsTheOldFileWhenTheTemporaryCannotBeWritten) {
   EXPECT_EQ(get_file(p), "keep");
 }
 
+TEST(Files, ReadReplacedFileFinishesAReplacementCutBeforeItsRename) {
+  // replace_file removes the old file before it renames the temporary one into place; a
+  // reader that finds only the temporary file finishes that rename.
+  ScratchDir dir;
+  std::string p = dir.path("record");
+  put_file(p + ".nw", "kanal=dev\n");
+  char buf[32];
+  EXPECT_EQ(read_replaced_file(p.c_str(), buf, sizeof buf), 10);
+  EXPECT_EQ(std::string(buf, 10), "kanal=dev\n");
+  EXPECT_EQ(get_file(p), "kanal=dev\n");
+  EXPECT_FALSE(file_there(p + ".nw"));
+}
+
+TEST(Files, ReadReplacedFileLeavesAFileThatIsThereAsItIs) {
+  // A temporary file beside the file itself is one the replacement had not yet put in
+  // place: the file stays what is read, and the next replacement removes the temporary.
+  ScratchDir dir;
+  std::string p = dir.path("record");
+  put_file(p, "old\n");
+  put_file(p + ".nw", "new\n");
+  char buf[32];
+  EXPECT_EQ(read_replaced_file(p.c_str(), buf, sizeof buf), 4);
+  EXPECT_EQ(std::string(buf, 4), "old\n");
+  EXPECT_EQ(get_file(p + ".nw"), "new\n");
+  // Neither file: missing, as read_file says.
+  EXPECT_EQ(read_replaced_file(dir.path("missing").c_str(), buf, sizeof buf), -1);
+  EXPECT_FALSE(file_there(dir.path("missing")));
+}
+
 TEST(Files, OverwriteInPlaceNeverShortens) {
   ScratchDir dir;
   std::string p = dir.path("n");

@@ -292,7 +292,8 @@ Config parse_config(std::string_view text, const std::string& origin) {
       else throw bad("durability must be all or synced: " + w[2]);
       if (w.size() > 3) {
         if (w[3] == "any") k.any_process = true;
-        else if (w[3] != "main") throw bad("must be main or any: " + w[3]);
+        else if (w[3] == "forked") k.forked_only = true;
+        else if (w[3] != "main") throw bad("must be main, any or forked: " + w[3]);
       }
       c.cut = k;
     } else if (key == "tpk-fail") {
@@ -369,7 +370,7 @@ std::string format_config(const Config& c) {
   }
   if (c.cut) {
     o << "cut " << c.cut->at_call << " " << (c.cut->durability == Durability::all ? "all" : "synced")
-      << (c.cut->any_process ? " any" : " main") << "\n";
+      << (c.cut->forked_only ? " forked" : c.cut->any_process ? " any" : " main") << "\n";
   }
   for (auto& [use, code] : c.tpk_fail) o << "tpk-fail " << use << " " << code << "\n";
   if (!c.tpk_catalog_file.empty()) o << "tpk-catalog " << c.tpk_catalog_file << "\n";

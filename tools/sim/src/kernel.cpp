@@ -985,10 +985,12 @@ void Kernel::on_syscall(Tracee& t) {
   }
   t.calls++;
   auto cit = commands_.find(t.command);
-  if (cit != commands_.end() && cit->second.trace_calls && t.main) cit->second.result.calls.push_back(nr);
+  if (cit != commands_.end() && cit->second.trace_calls)
+    (t.main ? cit->second.result.calls : cit->second.result.forked_calls).push_back(nr);
   if (cit != commands_.end() && cit->second.cut) {
     const Cut& cut = *cit->second.cut;
-    if ((t.main || cut.any_process) && t.calls == cut.at_call) {
+    bool counts = cut.forked_only ? !t.main : t.main || cut.any_process;
+    if (counts && t.calls == cut.at_call) {
       log("cut", t.pid,
           {"call=" + num(static_cast<int64_t>(t.calls)), "nr=" + num(nr),
            cut.durability == Durability::all ? "all" : "synced"});

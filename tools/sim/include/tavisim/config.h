@@ -74,11 +74,14 @@ struct CallFault {
 enum class Durability { all, synced };
 
 // Ends the program at its k-th system call; with `any_process` every traced process
-// counts its own calls and the first to reach k is ended.
+// counts its own calls and the first to reach k is ended; with `forked_only` only the
+// processes the command forked count (a background child, not the command that started
+// it).
 struct Cut {
   uint64_t at_call = 0;
   Durability durability = Durability::all;
   bool any_process = false;
+  bool forked_only = false;
 };
 
 struct Config {

@@ -51,6 +51,9 @@ struct RunResult {
   // With RunOptions::trace_calls: the number of each system call the command's first
   // process made (or was about to make when it ended), in order, as a cut counts them.
   std::vector<int64_t> calls;
+  // The same for the processes it forked, in the order the calls were made; complete once
+  // they have ended (ask `wait` again after `wait_background`).
+  std::vector<int64_t> forked_calls;
 };
 
 using CommandId = int;
