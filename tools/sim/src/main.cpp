@@ -10,6 +10,7 @@
 #include "host.h"
 #include "tavisim/boot.h"
 #include "tavisim/device.h"
+#include "version.h"
 
 namespace {
 
@@ -41,6 +42,7 @@ const char* kUsage =
     "  unset DIR KEY           remove every line of KEY from sim.conf\n"
     "  clock DIR [advance SECONDS]\n"
     "                     show (or move forward) the device's virtual clock\n"
+    "  --version          print tavi-sim's version\n"
     "\n"
     "Each command takes --help. docs/simulator.md describes devices, sim.conf and events.log.\n";
 
@@ -51,7 +53,8 @@ struct Help {
 const Help kHelp[] = {
     {"init",
      "usage: tavi-sim init DIR [--esp DISK]... [--binary OTA] [--proc-version TEXT]\n"
-     "Makes DIR a device: root/ (bin/ota copied from OTA, default: the ota beside tavi-sim;\n"
+     "Makes DIR a device: root/ (bin/ota copied from OTA, default: the ota beside tavi-sim,\n"
+     "else the installed one, " TAVISIM_INSTALLED_OTA " from tavi-sim's directory;\n"
      "etc/, system/, tmp/, sysesp/, proc/version), disks/, sim.conf, kernel.state, events.log.\n"
      "--esp DISK makes disks/DISK.img, a FAT image with limine.conf and tavi.mb (e.g. sda1).\n"},
     {"run",
@@ -117,10 +120,20 @@ double seconds_arg(const std::string& command, const std::string& option, const 
   return v;
 }
 
+// The device program `init` copies when not told which: the one beside tavi-sim (a build
+// tree), else the one an installation put in its own directory.
+std::string default_ota_binary() {
+  std::string beside = self_dir() + "/ota";
+  if (access(beside.c_str(), F_OK) == 0) return beside;
+  std::string installed = self_dir() + "/" + TAVISIM_INSTALLED_OTA;
+  if (access(installed.c_str(), F_OK) == 0) return installed;
+  return beside;
+}
+
 int cmd_init(int argc, char** argv) {
   if (argc < 3) return usage_error("init", "which directory?");
   InitOptions o;
-  o.ota_binary = self_dir() + "/ota";
+  o.ota_binary = default_ota_binary();
   for (int i = 3; i < argc; i++) {
     std::string a = argv[i];
     if ((a == "--esp" || a == "--binary" || a == "--proc-version") && i + 1 < argc) {
@@ -344,6 +357,10 @@ int main(int argc, char** argv) {
     return argc < 2 ? 2 : 0;
   }
   std::string command = argv[1];
+  if (command == "--version") {
+    std::cout << "tavi-sim " << ota_version_text << "\n";
+    return 0;
+  }
   if (wants_help(argc, argv)) {
     for (auto& h : kHelp)
       if (command == h.command) {
