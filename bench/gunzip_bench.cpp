@@ -7,6 +7,8 @@
 // The corpus is written under /tmp when the first benchmark needs it and removed at the
 // end. With OTA_GUNZIP_CORPUS=path set, the compressed corpus is also kept at that path
 // for whole-process comparisons (gunzip_tool, pigz -dc, libdeflate-gunzip -c).
+// With OTA_GUNZIP_INPUT=file.gz set, that gzip file is the corpus instead (bench/run.sh
+// gives it a tar of programs and documentation installed on the machine).
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -96,6 +98,11 @@ struct Corpus {
   bool keep = false;
 
   Corpus() {
+    const char* input = std::getenv("OTA_GUNZIP_INPUT");
+    if (input && *input) {
+      load(input);
+      return;
+    }
     std::mt19937_64 rng(2024);
     plain.reserve(kCorpusBytes + (1 << 20));
     // Pieces of 64 KiB to 1 MiB: about half text, a third binary, the rest random.
@@ -137,6 +144,39 @@ struct Corpus {
   }
   ~Corpus() {
     if (!keep) std::remove(path.c_str());
+  }
+
+  // A gzip file made elsewhere: its bytes are the packed corpus, zlib unpacks the plain one.
+  void load(const char* input) {
+    path = input;
+    keep = true;
+    FILE* f = std::fopen(input, "rb");
+    if (!f) {
+      std::perror(input);
+      std::exit(1);
+    }
+    char buf[1 << 16];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) packed.append(buf, n);
+    std::fclose(f);
+    z_stream z{};
+    inflateInit2(&z, 31);
+    z.next_in = reinterpret_cast<Bytef*>(packed.data());
+    z.avail_in = static_cast<uInt>(packed.size());
+    int r;
+    do {
+      z.next_out = reinterpret_cast<Bytef*>(buf);
+      z.avail_out = sizeof buf;
+      r = inflate(&z, Z_NO_FLUSH);
+      plain.append(buf, sizeof buf - z.avail_out);
+    } while (r == Z_OK);
+    inflateEnd(&z);
+    if (r != Z_STREAM_END || z.avail_in != 0) {
+      std::fprintf(stderr, "%s: not one whole gzip member\n", input);
+      std::exit(1);
+    }
+    std::fprintf(stderr, "corpus: %zu bytes, packed %zu bytes (%.1f%%) from %s\n", plain.size(), packed.size(),
+                 100.0 * static_cast<double>(packed.size()) / static_cast<double>(plain.size()), input);
   }
 };
 

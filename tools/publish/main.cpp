@@ -6,6 +6,7 @@
 #include "args.h"
 #include "commands.h"
 #include "util.h"
+#include "version.h"
 
 namespace publish {
 namespace {
@@ -24,6 +25,7 @@ void usage(std::FILE* out) {
   std::fprintf(out, "usage: ota-publish COMMAND [OPTIONS]   (ota-publish COMMAND --help for more)\n\n");
   for (const Command& c : kCommands) std::fprintf(out, "  %-8s %s\n", c.name, c.summary);
   std::fprintf(out,
+               "\nota-publish --version prints the version.\n"
                "\nExit status: 0 done (check: the source would be accepted), 1 refused or failed,\n"
                "2 a mistake in the command line.\n");
 }
@@ -34,6 +36,10 @@ int run(int argc, char** argv) {
     return 2;
   }
   const char* word = argv[1];
+  if (std::strcmp(word, "--version") == 0) {
+    std::printf("ota-publish %s\n", ota_version_text);
+    return 0;
+  }
   if (std::strcmp(word, "--help") == 0 || std::strcmp(word, "-h") == 0 || std::strcmp(word, "help") == 0) {
     if (argc >= 3) {
       for (const Command& c : kCommands) {

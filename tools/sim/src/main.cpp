@@ -11,6 +11,7 @@
 #include "host.h"
 #include "tavisim/boot.h"
 #include "tavisim/device.h"
+#include "version.h"
 
 namespace {
 
@@ -46,6 +47,7 @@ const char* kUsage =
     "                     show (or move forward) the device's virtual clock\n"
     "  fleet --source DIR --trusted PUB --devices N --rounds R --out OUT [options]\n"
     "                     rehearse a release on a simulated fleet (docs/fleet.md)\n"
+    "  --version          print tavi-sim's version\n"
     "\n"
     "Each command takes --help. docs/simulator.md describes devices, sim.conf and events.log.\n";
 
@@ -56,7 +58,8 @@ struct Help {
 const Help kHelp[] = {
     {"init",
      "usage: tavi-sim init DIR [--esp DISK]... [--binary OTA] [--proc-version TEXT]\n"
-     "Makes DIR a device: root/ (bin/ota copied from OTA, default: the ota beside tavi-sim;\n"
+     "Makes DIR a device: root/ (bin/ota copied from OTA, default: the ota beside tavi-sim,\n"
+     "else the installed one, " TAVISIM_INSTALLED_OTA " from tavi-sim's directory;\n"
      "etc/, system/, tmp/, sysesp/, proc/version), disks/, sim.conf, kernel.state, events.log.\n"
      "--esp DISK makes disks/DISK.img, a FAT image with limine.conf and tavi.mb (e.g. sda1).\n"},
     {"run",
@@ -132,10 +135,20 @@ double seconds_arg(const std::string& command, const std::string& option, const 
   return v;
 }
 
+// The device program `init` copies when not told which: the one beside tavi-sim (a build
+// tree), else the one an installation put in its own directory.
+std::string default_ota_binary() {
+  std::string beside = self_dir() + "/ota";
+  if (access(beside.c_str(), F_OK) == 0) return beside;
+  std::string installed = self_dir() + "/" + TAVISIM_INSTALLED_OTA;
+  if (access(installed.c_str(), F_OK) == 0) return installed;
+  return beside;
+}
+
 int cmd_init(int argc, char** argv) {
   if (argc < 3) return usage_error("init", "which directory?");
   InitOptions o;
-  o.ota_binary = self_dir() + "/ota";
+  o.ota_binary = default_ota_binary();
   for (int i = 3; i < argc; i++) {
     std::string a = argv[i];
     if ((a == "--esp" || a == "--binary" || a == "--proc-version") && i + 1 < argc) {
@@ -383,6 +396,10 @@ int main(int argc, char** argv) {
   }
   std::string command = argv[1];
   if (command == "fleet") return fleet::fleet_main(argc, argv);
+  if (command == "--version") {
+    std::cout << "tavi-sim " << ota_version_text << "\n";
+    return 0;
+  }
   if (wants_help(argc, argv)) {
     for (auto& h : kHelp)
       if (command == h.command) {
