@@ -10,7 +10,6 @@ namespace ota {
 namespace {
 
 // One argument vector serves every start; starts never overlap.
-constexpr usize kProgramWords = 8;
 const char* program_words[kProgramWords];
 char url[kUrlBytes];
 char offset_text[kDecimalBytes];
@@ -61,10 +60,10 @@ int sync_clock() {
 }
 
 int clock_needs_sync() {
-  char state[4];
+  char state[kClockStateBytes];
   i64 n = read_file("/system/clock.stand", state, sizeof state);
   if (n >= 1) return state[0] != 'S';
-  char ntp[400];
+  char ntp[kNtpConfigBytes + 1];
   n = read_file("/etc/ntp.conf", ntp, sizeof ntp - 1);
   if (n < 9) return 0;
   return mem_find(ntp, static_cast<usize>(n), "auto=true", 9) >= 0;

@@ -2,12 +2,10 @@
 // Every file comes from the source through /bin/fetch; the installer /bin/tpk and the
 // clock setter /bin/sntp are started the same way. ota always waits for them.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
-
-// The source (199), "/", the channel (19), "/", a file name (127) and ".sig".
-constexpr usize kUrlBytes = 360;
 
 // Exit code of /bin/fetch, or -1 when it could not be started.
 i64 run_fetch(const char* file_name, const char* local_path, u64 offset);

@@ -9,7 +9,7 @@ namespace ota {
 
 char slot_a_path[kSlotPathBytes];
 char slot_b_path[kSlotPathBytes];
-char esp_menu_text[kMenuBytes + 1];
+char esp_menu_text[kMenuTextBytes + 1];
 
 namespace {
 
@@ -38,7 +38,7 @@ void report_hash(const char* label, const char* path) {
 }  // namespace
 
 i64 read_menu() {
-  i64 n = read_file(kMenuPath, esp_menu_text, kMenuBytes);
+  i64 n = read_file(kMenuPath, esp_menu_text, kMenuTextBytes);
   esp_menu_text[n > 0 ? n : 0] = 0;
   return n;
 }
@@ -65,7 +65,7 @@ bool mount_esp() {
   if (!mounted) return false;
   i64 n = read_menu();
   const char* dir = "";
-  if (n >= 1 && n < static_cast<i64>(kMenuBytes) && find_first_entry_kernel_dir(esp_menu_text, static_cast<usize>(n))) {
+  if (n >= 1 && n < static_cast<i64>(kMenuTextBytes) && find_first_entry_kernel_dir(esp_menu_text, static_cast<usize>(n))) {
     dir = menu_kernel_dir();
   }
   build_slot_path(slot_a_path, dir, "/tavi.mb");
