@@ -7,21 +7,27 @@
 
 namespace ota {
 
-namespace {
-
 // One argument vector serves every start; starts never overlap.
 const char* program_words[kProgramWords];
-char url[kUrlBytes];
+char fetch_url[kUrlBytes];
+
+namespace {
+
 char offset_text[kDecimalBytes];
 
 void build_url(const char* file_name) {
-  usize len = str_copy(url, source_settings.source);
-  len = str_append_char(url, len, '/');
+  // The source and the channel were read with their own capacities, so they and their
+  // slashes always fit.
+  usize len = str_copy(fetch_url, source_settings.source);
+  len = str_append_char(fetch_url, len, '/');
   if (source_settings.channel[0] != 0) {
-    len = str_append_at(url, len, source_settings.channel);
-    len = str_append_char(url, len, '/');
+    len = str_append_at(fetch_url, len, source_settings.channel);
+    len = str_append_char(fetch_url, len, '/');
   }
-  str_append_at(url, len, file_name);
+  // A file name from a catalog fits as well; only `ota fetch` hands on a name of any
+  // length, and like every value copied into a fixed buffer the URL is then cut at the
+  // buffer's capacity.
+  str_copy_bounded(fetch_url + len, file_name, kUrlBytes - len);
 }
 
 }  // namespace
@@ -41,7 +47,7 @@ i64 run_fetch(const char* file_name, const char* local_path, u64 offset) {
     program_words[n++] = offset_text;
   }
   build_url(file_name);
-  program_words[n++] = url;
+  program_words[n++] = fetch_url;
   return run_program("/bin/fetch", program_words, n);
 }
 

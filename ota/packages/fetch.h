@@ -7,6 +7,11 @@
 
 namespace ota {
 
+// The argument vector of every program start, and the URL of the last fetch (the source,
+// "/", the channel and "/" when there is one, the file name), cut at kUrlBytes - 1.
+extern const char* program_words[kProgramWords];
+extern char fetch_url[kUrlBytes];
+
 // Exit code of /bin/fetch, or -1 when it could not be started.
 i64 run_fetch(const char* file_name, const char* local_path, u64 offset);
 // /bin/tpk with up to four words; count includes "/bin/tpk" itself.
