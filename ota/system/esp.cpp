@@ -16,12 +16,6 @@ namespace {
 // Tried in this order: SATA/SCSI, then NVMe, then the old IDE name.
 constexpr const char* kCandidates[] = {"/dev/sda1", "/dev/nvme01", "/dev/hda1"};
 
-void build_slot_path(char* out, const char* dir, const char* file) {
-  usize len = str_copy(out, kEspMount);
-  len = str_append_at(out, len, dir);
-  str_append_at(out, len, file);
-}
-
 // The SHA-256 of a file as 64 lowercase hex digits; 0 when it cannot be opened.
 int file_sha256_hex(const char* path, char out[65]) {
   u8 digest[32];
@@ -36,6 +30,12 @@ void report_hash(const char* label, const char* path) {
 }
 
 }  // namespace
+
+void build_slot_path(char* out, const char* dir, const char* file) {
+  usize len = str_copy(out, kEspMount);
+  len = str_append_at(out, len, dir);
+  str_append_at(out, len, file);
+}
 
 i64 read_menu() {
   i64 n = read_file(kMenuPath, esp_menu_text, kMenuTextBytes);

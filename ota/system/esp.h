@@ -13,6 +13,9 @@ constexpr const char* kMenuPath = "/sysesp/limine.conf";
 extern char slot_a_path[kSlotPathBytes];
 extern char slot_b_path[kSlotPathBytes];
 
+// "/sysesp", the kernel directory (below kKernelDirBytes) and the file, into out
+// (kSlotPathBytes).
+void build_slot_path(char* out, const char* dir, const char* file);
 bool try_mount_esp(const char* device);
 bool mount_esp();
 void unmount_esp();
