@@ -85,9 +85,7 @@ i64 fetch_to_work(const char* name) {
 int fetch_command(const char* name, const char* target) {
   if (load_source_settings() != 0) return 1;
   load_device_name();
-  // The file name becomes part of a path and a URL: nothing that could climb out of
-  // the work directory or the source is passed on.
-  if (name[0] == 0 || str_find(name, "/") >= 0 || str_find(name, "..") >= 0) return fail("ota: cannot fetch: ", name);
+  if (!fetchable_name(name)) return fail("ota: cannot fetch: ", name);
   make_work_dir();
   remove_file(target);
   if (run_fetch(name, target, 0) == 0) return 0;

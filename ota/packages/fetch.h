@@ -4,6 +4,7 @@
 
 #include "device_limits.h"
 #include "runtime/syscall.h"
+#include "runtime/text.h"
 
 namespace ota {
 
@@ -20,6 +21,11 @@ int sync_clock();
 int clock_needs_sync();
 // Removes the work copy of name and fetches it there; the exit code of /bin/fetch.
 i64 fetch_to_work(const char* name);
+// Whether `ota fetch` passes a file name on. The name becomes part of a path and a URL:
+// nothing that could climb out of the work directory or the source is passed on.
+inline int fetchable_name(const char* name) {
+  return name[0] != 0 && str_find(name, "/") < 0 && str_find(name, "..") < 0;
+}
 int fetch_command(const char* name, const char* target);
 
 }  // namespace ota

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "keys.h"
 #include "output.h"
+#include "rules.h"
 
 namespace publish {
 
@@ -29,6 +30,7 @@ int keygen_command(int argc, char** argv) {
 
   PrivateKey key = PrivateKey::generate();
   PublicKey pub = key.public_key();
+  check_public_key(pub, "new public key");
   std::string pem = key.pem();
   write_file_atomic(key_path, as_bytes(pem), 0600, false, "private key");
   try {
