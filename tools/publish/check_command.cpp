@@ -549,7 +549,8 @@ int check_command(int argc, char** argv) {
   }
   for (const auto& [reached, key] : walk.keys) {
     if (std::string problem = public_key_problem(key); !problem.empty()) {
-      c.report.problem("the key of generation " + std::to_string(reached) + " " + problem);
+      c.report.problem("the key of generation " + std::to_string(reached) + " " + hex_lower(key.data(), key.size()) +
+                       " " + problem);
     }
   }
   if (walk.generation > limits::kStoredNumberMax) {
