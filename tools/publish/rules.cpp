@@ -22,8 +22,9 @@ constexpr std::size_t kTargetRuleMax = ota::kTargetLongest;
 
 bool has_zero_byte(std::string_view s) { return s.find('\0') != std::string_view::npos; }
 
-// Why the rules refuse a target, in words; the verdict itself is the device's.
-std::string target_reason(std::string_view target) {
+}  // namespace
+
+std::string target_rule_problem(std::string_view target) {
   if (target.empty()) return "it is empty";
   if (target[0] != '/') {
     if (target.size() > kTargetRuleMax) return "a program name is at most 60 characters";
@@ -51,7 +52,6 @@ std::string target_reason(std::string_view target) {
   return "";
 }
 
-}  // namespace
 
 std::string public_key_problem(const PublicKey& key) {
   switch (ota::ed25519_key_problem(key.data())) {
@@ -147,7 +147,7 @@ void check_commit(std::string_view commit) {
 }
 
 std::string target_problem(std::string_view target) {
-  std::string reason = target_reason(target);
+  std::string reason = target_rule_problem(target);
   // A zero byte would end the target early on the device: it would be installed at a
   // different path. The words above already refuse it; the device's test sees only the
   // text before it.
@@ -156,17 +156,18 @@ std::string target_problem(std::string_view target) {
   return reason.empty() ? "devices refuse it" : reason;
 }
 
-std::string link_problem(std::string_view path, std::string_view target) {
-  std::string reason;
-  if (path.empty() || path[0] != '/') {
-    reason = "the link path must be an absolute path";
-  } else if (std::string problem = target_reason(path); !problem.empty()) {
-    reason = "link path: " + problem;
-  } else if (!starts_with(target, ota::kProgramDirectory) || target.size() == 5 || target[5] == '/') {
-    reason = "the link target must be /bin/ followed by a program name";
-  } else if (std::string problem = target_reason(target.substr(5)); !problem.empty()) {
-    reason = "link target: " + problem;
+std::string link_rule_problem(std::string_view path, std::string_view target) {
+  if (path.empty() || path[0] != '/') return "the link path must be an absolute path";
+  if (std::string problem = target_rule_problem(path); !problem.empty()) return "link path: " + problem;
+  if (!starts_with(target, ota::kProgramDirectory) || target.size() == 5 || target[5] == '/') {
+    return "the link target must be /bin/ followed by a program name";
   }
+  if (std::string problem = target_rule_problem(target.substr(5)); !problem.empty()) return "link target: " + problem;
+  return "";
+}
+
+std::string link_problem(std::string_view path, std::string_view target) {
+  std::string reason = link_rule_problem(path, target);
   if (has_zero_byte(path) || has_zero_byte(target)) return reason;
   if (ota::valid_link(std::string(path).c_str(), std::string(target).c_str())) return "";
   return reason.empty() ? "devices refuse it" : reason;

@@ -34,6 +34,12 @@ void check_download_name(std::string_view name, std::size_t max, const std::stri
 std::string commit_problem(std::string_view commit);
 void check_commit(std::string_view commit);
 
+// The target and link rules in words, without asking the device: why they refuse a target
+// or a link, empty when they do not. The publisher's tests hold them against the
+// device's own tests; the commands use target_problem and link_problem below.
+std::string target_rule_problem(std::string_view target);
+std::string link_rule_problem(std::string_view path, std::string_view target);
+
 // Why a device would refuse an overlay target; empty when it is valid. The verdict is the
 // device's own target test; a target holding a zero byte is refused as well, since the
 // device would end it there.
