@@ -15,7 +15,7 @@ Bytes gzip_bytes(const Bytes& data);
 // good member; the device's own codes otherwise) and what it wrote. A device writes the
 // whole output before it checks its size and hash, so the output is counted and hashed
 // as it streams, and the unpacking is stopped once it passes `limit` bytes (over_limit;
-// the decoder then reports a failed write).
+// the result code then says nothing, usually a failed write).
 struct Unpacked {
   std::uint64_t code = 0;
   std::uint64_t size = 0;  // bytes written, at most limit + 1
