@@ -57,6 +57,15 @@ constexpr usize kClockStateBytes = 4;
 constexpr usize kNtpConfigBytes = 399;
 
 // ---------------------------------------------------------------------------------------
+// Keys and signatures
+
+// An Ed25519 public key, as /system/schluessel.pub and /system/ersatz.pub hold it (the
+// first 32 bytes of a longer file count; a shorter one is no key), and a signature (R then
+// S), as every .sig file holds it raw (the first 64 bytes count; fewer are no signature).
+constexpr usize kPublicKeyBytes = 32;
+constexpr usize kSignatureBytes = 64;
+
+// ---------------------------------------------------------------------------------------
 // Files and number files
 
 // replace_file keeps its temporary name in one static buffer; paths this long or longer

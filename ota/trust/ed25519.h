@@ -2,13 +2,13 @@
 // Ed25519 signature verification (RFC 8032, plain form: no context, no pre-hashing).
 // The program only verifies; it never signs and holds no private key.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
 
-constexpr usize kPublicKeyBytes = 32;
-// R (an encoded point) followed by S (a little-endian scalar).
-constexpr usize kSignatureBytes = 64;
+// A public key is kPublicKeyBytes, a signature kSignatureBytes: R (an encoded point)
+// followed by S (a little-endian scalar).
 
 // 1 when signature is a valid signature of the length bytes at message under
 // public_key, 0 for everything else, without saying why. The rule is strict: S must be

@@ -42,9 +42,11 @@ std::vector<ChainLine> read_chain_file(const std::string& path) {
     std::string_view line(text.data() + pos, lf - pos);
     pos = lf + 1;
     if (line.empty()) continue;
-    if (line.substr(0, 6) != "kette\t") throw Error(where + " is not a key-change line (\"kette\" TAB ...)");
+    if (line.substr(0, ota::text_length(ota::kChainTag)) != ota::kChainTag) {
+      throw Error(where + " is not a key-change line (\"kette\" TAB ...)");
+    }
     std::vector<std::string_view> fields;
-    std::size_t start = 6;
+    std::size_t start = ota::text_length(ota::kChainTag);
     for (;;) {
       std::size_t tab = line.find('\t', start);
       fields.push_back(line.substr(start, tab == std::string_view::npos ? std::string_view::npos : tab - start));
@@ -161,8 +163,9 @@ ChainWalk walk_key_chain(std::string_view catalog, const PublicKey& trusted, con
     Field sig_text = line_field(held, *at, 2, limits::kChainSignatureField);
     PublicKey new_key{};
     Signature sig{};
-    if (!key_text.present || !sig_text.present || !ota::hex_decode(key_text.value.c_str(), new_key.data(), 32) ||
-        !ota::hex_decode(sig_text.value.c_str(), sig.data(), 64)) {
+    if (!key_text.present || !sig_text.present ||
+        !ota::hex_decode(key_text.value.c_str(), new_key.data(), new_key.size()) ||
+        !ota::hex_decode(sig_text.value.c_str(), sig.data(), sig.size())) {
       walk.steps.push_back("key change to generation " + std::to_string(next) +
                            ": the key or signature is not 64/128 hex digits -- chain BROKEN");
       break;

@@ -159,10 +159,13 @@ std::string target_problem(std::string_view target) {
 std::string link_rule_problem(std::string_view path, std::string_view target) {
   if (path.empty() || path[0] != '/') return "the link path must be an absolute path";
   if (std::string problem = target_rule_problem(path); !problem.empty()) return "link path: " + problem;
-  if (!starts_with(target, ota::kProgramDirectory) || target.size() == 5 || target[5] == '/') {
+  constexpr std::size_t kDirLength = ota::text_length(ota::kProgramDirectory);
+  if (!starts_with(target, ota::kProgramDirectory) || target.size() == kDirLength || target[kDirLength] == '/') {
     return "the link target must be /bin/ followed by a program name";
   }
-  if (std::string problem = target_rule_problem(target.substr(5)); !problem.empty()) return "link target: " + problem;
+  if (std::string problem = target_rule_problem(target.substr(kDirLength)); !problem.empty()) {
+    return "link target: " + problem;
+  }
   return "";
 }
 

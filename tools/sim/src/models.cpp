@@ -126,8 +126,8 @@ constexpr size_t kTrialOkDigit = ota::kTrialOkOffset;
 // The keys a device trusts, as it keeps them: the first 32 bytes of each file count.
 constexpr const char* kTrustedKeyFile = "/system/schluessel.pub";
 constexpr const char* kSpareKeyFile = "/system/ersatz.pub";
-constexpr size_t kKeyBytes = 32;
-constexpr size_t kSignatureBytes = 64;
+constexpr size_t kKeyBytes = ota::kPublicKeyBytes;
+constexpr size_t kSignatureBytes = ota::kSignatureBytes;
 // Exit code of `catalog` and `update` when INDEX.sig is not a signature of INDEX by one of
 // those keys.
 constexpr int kIndexNotSigned = 5;
