@@ -17,8 +17,6 @@ constexpr ListedKey kListedKeys[] = {
     {"frist", "  frist    "},  {"kanal", "  kanal    "}, {"gesund", "  gesund   "},
 };
 constexpr const char* kNotAKey = "ota: not a key: quelle name abstand auto frist kanal gesund";
-// Values are shown up to 255 bytes.
-constexpr usize kShownValueBytes = 256;
 // Keys are at most 7 bytes; the prefix adds the "=".
 constexpr usize kPrefixBytes = 16;
 

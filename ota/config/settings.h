@@ -1,19 +1,13 @@
 #pragma once
 // The settings file /etc/ota.conf: loaded whole before every use, looked up by key.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
 
 constexpr const char* kSettingsPath = "/etc/ota.conf";
-// The file's first 1,023 bytes are kept, closed with a 0.
-constexpr usize kSettingsBytes = 1024;
-
-// Capacities of the values as the commands use them (bytes kept plus the closing 0).
-constexpr usize kSourceBytes = 200;      // quelle=, sysquelle=
-constexpr usize kDeviceNameBytes = 128;  // name=
-constexpr usize kChannelBytes = 20;      // kanal=
-constexpr usize kAutoBytes = 16;         // auto=
+// The file's capacity and the capacities of its values are in device_limits.h.
 
 struct Settings {
   char text[kSettingsBytes];

@@ -22,7 +22,7 @@ namespace ota {
 namespace {
 
 // Input is read in pieces of this size.
-constexpr usize kInputBytes = 4096;
+constexpr usize kInputBytes = kGunzipInputBytes;
 // DEFLATE reaches back at most 32768 bytes: the window holds exactly that much, used as a
 // ring, and output leaves it in these units.
 constexpr u32 kWindowBytes = 32768;

@@ -16,8 +16,6 @@ bool nothing_installed = false;
 
 namespace {
 
-// Room kept free beside the packages for the installer's own work.
-constexpr u64 kSpareRoom = 524288;
 // How often a package file is fetched before it is given up (four checks in all).
 constexpr int kFetchAttempts = 3;
 constexpr usize kPathBytes = kUrlBytes;
@@ -126,8 +124,8 @@ int apply_packages() {
     line_field(line, 4, file, sizeof file);
     if (!download_package(file, package_length(line), hash)) return 1;
     say_text("ota: hash ok ", file);
-    char signature[kPackageFieldBytes + 4];
-    str_append_at(signature, str_copy(signature, file), ".sig");
+    char signature[kPackageFieldBytes + kSignatureSuffixLength];
+    str_append_at(signature, str_copy(signature, file), kSignatureSuffix);
     if (fetch_to_work(signature) != 0) return fail("ota: cannot fetch: ", signature);
   }
   if (fetch_to_work("INDEX") != 0) return fail("ota: cannot fetch: ", "INDEX");
@@ -157,7 +155,7 @@ int apply_packages() {
     char local[kPathBytes];
     work_path(local, file);
     remove_file(local);
-    str_append(local, ".sig");
+    str_append(local, kSignatureSuffix);
     remove_file(local);
   }
   if (!write_installed_version(offered)) return fail("ota: /system/FASSUNG could not be set", nullptr);

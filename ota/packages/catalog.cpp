@@ -14,10 +14,7 @@ InstallCatalog install_catalog;
 
 namespace {
 
-constexpr const char* kPackageTag = "paket\t";
-constexpr usize kPackageTagLength = 6;
-// The fassung value is read with 23 characters.
-constexpr usize kVersionTextBytes = 24;
+constexpr usize kPackageTagLength = text_length(kPackageTag);
 
 int reject_catalog(const char* msg, const char* extra) {
   hold_catalog_text(0);
@@ -59,7 +56,7 @@ int load_catalog(bool verbose) {
                           nullptr);
   }
   // The marker is looked at only once the signature holds: unsigned bytes are never judged.
-  if (!str_equal_n(catalog.text, "OTA2", 4)) return reject_catalog("ota: this is not a VERZEICHNIS (marker missing)", nullptr);
+  if (!str_equal_n(catalog.text, kCatalogMarker, text_length(kCatalogMarker))) return reject_catalog("ota: this is not a VERZEICHNIS (marker missing)", nullptr);
   if (trust.spare_key_used && verbose) print_out("ota: checked with the SPARE KEY\n");
   merge_blocked_versions();
   if (trust.current_generation <= trust.stored_generation) return 0;
@@ -85,7 +82,7 @@ u64 package_count() {
 int package_platform(const char* line) {
   char platform[kPlatformFieldBytes];
   if (!line_field(line, 5, platform, sizeof platform)) return kNoPlatform;
-  if (str_equal(platform, kPlatform) || str_equal(platform, "tavi-any")) return kThisPlatform;
+  if (str_equal(platform, kPlatform) || str_equal(platform, kAnyPlatform)) return kThisPlatform;
   return kOtherPlatform;
 }
 
@@ -99,9 +96,9 @@ u64 platform_package_count() {
 }
 
 u64 catalog_version() {
-  const char* line = find_catalog_line("fassung\t", 8, 0);
+  const char* line = find_catalog_line(kVersionTag, text_length(kVersionTag), 0);
   if (line == nullptr) return 0;
-  char value[kVersionTextBytes];
+  char value[kVersionFieldBytes];
   usize len = 0;
   while (line + len < catalog_end() && line[len] != '\n' && len + 1 < sizeof value) {
     value[len] = line[len];

@@ -2,19 +2,10 @@
 // The signed catalog VERZEICHNIS: fetched, verified, its key changes and blocked versions
 // taken in, and its package lines read. Also the installer's own catalog, CATALOG.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
-
-constexpr const char* kPlatform = "tavi-x86_64";
-// The installer's CATALOG is read into 8,191 bytes.
-constexpr usize kInstallCatalogBytes = 8191;
-
-// Field capacities of a paket line as the commands read them.
-constexpr usize kPackageFieldBytes = 128;
-constexpr usize kPackageNameBytes = 64;  // where install reads the name
-constexpr usize kHashFieldBytes = 72;
-constexpr usize kPlatformFieldBytes = 32;
 
 // Platform classes of a paket line.
 constexpr int kNoPlatform = 0;

@@ -7,22 +7,27 @@
 
 namespace ota {
 
+// One argument vector serves every start; starts never overlap.
+const char* program_words[kProgramWords];
+char fetch_url[kUrlBytes];
+
 namespace {
 
-// One argument vector serves every start; starts never overlap.
-constexpr usize kProgramWords = 8;
-const char* program_words[kProgramWords];
-char url[kUrlBytes];
 char offset_text[kDecimalBytes];
 
 void build_url(const char* file_name) {
-  usize len = str_copy(url, source_settings.source);
-  len = str_append_char(url, len, '/');
+  // The source and the channel were read with their own capacities, so they and their
+  // slashes always fit.
+  usize len = str_copy(fetch_url, source_settings.source);
+  len = str_append_char(fetch_url, len, '/');
   if (source_settings.channel[0] != 0) {
-    len = str_append_at(url, len, source_settings.channel);
-    len = str_append_char(url, len, '/');
+    len = str_append_at(fetch_url, len, source_settings.channel);
+    len = str_append_char(fetch_url, len, '/');
   }
-  str_append_at(url, len, file_name);
+  // A file name from a catalog fits as well; only `ota fetch` hands on a name of any
+  // length, and like every value copied into a fixed buffer the URL is then cut at the
+  // buffer's capacity.
+  str_copy_bounded(fetch_url + len, file_name, kUrlBytes - len);
 }
 
 }  // namespace
@@ -42,7 +47,7 @@ i64 run_fetch(const char* file_name, const char* local_path, u64 offset) {
     program_words[n++] = offset_text;
   }
   build_url(file_name);
-  program_words[n++] = url;
+  program_words[n++] = fetch_url;
   return run_program("/bin/fetch", program_words, n);
 }
 
@@ -61,10 +66,10 @@ int sync_clock() {
 }
 
 int clock_needs_sync() {
-  char state[4];
+  char state[kClockStateBytes];
   i64 n = read_file("/system/clock.stand", state, sizeof state);
   if (n >= 1) return state[0] != 'S';
-  char ntp[400];
+  char ntp[kNtpConfigBytes + 1];
   n = read_file("/etc/ntp.conf", ntp, sizeof ntp - 1);
   if (n < 9) return 0;
   return mem_find(ntp, static_cast<usize>(n), "auto=true", 9) >= 0;
@@ -80,9 +85,7 @@ i64 fetch_to_work(const char* name) {
 int fetch_command(const char* name, const char* target) {
   if (load_source_settings() != 0) return 1;
   load_device_name();
-  // The file name becomes part of a path and a URL: nothing that could climb out of
-  // the work directory or the source is passed on.
-  if (name[0] == 0 || str_find(name, "/") >= 0 || str_find(name, "..") >= 0) return fail("ota: cannot fetch: ", name);
+  if (!fetchable_name(name)) return fail("ota: cannot fetch: ", name);
   make_work_dir();
   remove_file(target);
   if (run_fetch(name, target, 0) == 0) return 0;

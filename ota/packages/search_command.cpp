@@ -78,10 +78,10 @@ int show_command() {
   say_number("ota: key generation ", read_key_generation());
   print_out(spare_key_file_present() ? "ota: spare key present\n" : "ota: NO spare key\n");
 
-  char generation[15];
+  char generation[kNumberFileReadBytes];
   i64 n = read_file("/system/AKTUELL", generation, sizeof generation);
   if (n >= 8) {
-    generation[8] = 0;
+    generation[kStoredDigits] = 0;
     say_number("ota: generation ", parse_decimal(generation));
   }
   char record[kTrialReadBytes];

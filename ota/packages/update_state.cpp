@@ -9,15 +9,6 @@ namespace ota {
 u64 offered_version = 0;
 bool catalog_fetch_failed = false;
 
-namespace {
-
-// Four short lines: two numbers of up to 20 digits, the clock and the longest phase word.
-constexpr usize kStateRecordBytes = 160;
-// state_is_ready looks at the first 150 bytes.
-constexpr usize kStateReadBytes = 150;
-
-}  // namespace
-
 usize append_clock_text(char* dst, usize len) {
   len += format_decimal(sys_system_info(kInfoYear), dst + len, 0);
   len = str_append_char(dst, len, '-');

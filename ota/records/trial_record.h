@@ -3,18 +3,13 @@
 // trial". Its own small module, because both the trial commands and the system update
 // read it.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
 
 constexpr const char* kTrialRecordPath = "/system/ERPROBUNG";
-// Exactly 36 bytes: "gen=" 8 digits " vor=" 8 digits " v=" 2 digits " ok=" digit LF.
-constexpr usize kTrialRecordBytes = 36;
-// Readers read up to 39 bytes so a longer file shows as not-a-record.
-constexpr usize kTrialReadBytes = 39;
-constexpr usize kTrialGenerationOffset = 4;
-constexpr usize kTrialReturnOffset = 17;
-constexpr usize kTrialOkOffset = 34;
+// Its layout (36 bytes, read up to 39) is in device_limits.h.
 
 // Reads the record into buf (kTrialReadBytes); 1 when it has exactly 36 bytes.
 int read_trial_record(char* buf);

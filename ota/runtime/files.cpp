@@ -88,11 +88,11 @@ int overwrite_in_place(const char* path, const void* data, usize n) {
 }
 
 u64 read_number_file(const char* path) {
-  char buf[15];
+  char buf[kNumberFileReadBytes];
   i64 n = read_file(path, buf, sizeof buf);
   if (n < 8) return 0;
   u64 v = 0;
-  for (int i = 0; i < 8; i++) {
+  for (int i = 0; i < static_cast<int>(kStoredDigits); i++) {
     if (buf[i] < '0' || buf[i] > '9') return 0;
     v = v * 10 + static_cast<u64>(buf[i] - '0');
   }
@@ -100,7 +100,7 @@ u64 read_number_file(const char* path) {
 }
 
 void format_eight_digits(char* out, u64 v) {
-  v %= 100000000;
+  v %= kStoredNumberModulus;
   for (int i = 7; i >= 0; i--) {
     out[i] = static_cast<char>('0' + v % 10);
     v /= 10;

@@ -2,17 +2,13 @@
 // Whole-file reading and writing, the safe replacement of records, fixed-width number
 // files, and the line and key lookups over a text held in memory.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
 
 // Downloads and fetched files live here; made with mkdir right before first use.
 constexpr const char* kWorkDir = "/tmp/ota";
-// replace_file keeps its temporary name in one static buffer; longer paths are written
-// directly.
-constexpr usize kReplacePathLimit = 191;
-// number_of looks a value up into a buffer of this size.
-constexpr usize kNumberValueBytes = 32;
 
 i64 read_file(const char* path, void* buf, usize cap);
 int write_file(const char* path, const void* data, usize n);

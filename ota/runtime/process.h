@@ -2,16 +2,15 @@
 // Starting and waiting for outside programs, sleeping, the kernel's task table, the
 // background fork and the restart.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
 
 // Status every ended task gets from end_task.
 constexpr u64 kEndTaskStatus = 137;
-// The start-up check looks at the first 32 slots; the scans that end tasks or look for a
-// background apply walk 128. The two differ on purpose.
-constexpr u64 kHealthSlots = 32;
-constexpr u64 kTaskSlots = 128;
+// The start-up check looks at kHealthSlots slots, the scans that end tasks or look for a
+// background apply at kTaskSlots; the two differ on purpose.
 
 i64 run_program(const char* path, const char* const* words, u64 count);
 i64 wait_exit(u64 pid);

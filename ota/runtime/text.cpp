@@ -171,10 +171,9 @@ void print_unsigned(u64 v) {
 
 namespace {
 
-// A message line is put together here so that it leaves in one write: lines from a
-// background apply and its log then never interleave mid-line. A line longer than the
-// buffer is written in pieces, still at once.
-constexpr usize kLineBytes = 512;
+// A message line is put together in kLineBytes so that it leaves in one write: lines
+// from a background apply and its log then never interleave mid-line. A line longer than
+// the buffer is written in pieces, still at once.
 
 void emit_line(int fd, const char* msg, const char* extra, usize extra_len) {
   char line[kLineBytes];

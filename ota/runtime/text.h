@@ -2,12 +2,10 @@
 // Strings in caller-owned buffers, decimal and hexadecimal numbers, and unbuffered
 // console output. No operation allocates; only str_copy_bounded knows a capacity.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
-
-// Buffer sizes for numbers: 20 digits and the 0, one more for a sign.
-constexpr usize kDecimalBytes = 22;
 
 usize str_len(const char* s);
 usize str_copy(char* dst, const char* src);

@@ -29,7 +29,7 @@ void say_overlay_verified() { say_number("system: overlay files verified: ", man
 
 bool fetch_kernel_to_slot_b() {
   const ManifestFile& k = manifest.kernel;
-  return fetch_overlay_file("kernel", k.name, k.size, k.sha, slot_b_path);
+  return fetch_overlay_file(kKernelKind, k.name, k.size, k.sha, slot_b_path);
 }
 
 bool slot_a_is_offered_kernel() {
@@ -43,7 +43,7 @@ void update_trust_roots() {
   remove_file(kRootsPath);
   bool ok = false;
   if (str_len(roots.sha) == 64 && roots.name[0] != 0 &&
-      fetch_overlay_file("roots", roots.name, roots.size, roots.sha, kRootsPath)) {
+      fetch_overlay_file(kRootsKind, roots.name, roots.size, roots.sha, kRootsPath)) {
     static const char* words[3];
     words[0] = "/bin/rootsctl";
     words[1] = "apply";
@@ -60,9 +60,9 @@ void update_trust_roots() {
 
 void restart_shell_programs() {
   for (u64 i = 0;; i++) {
-    const char* line = find_catalog_line("sysfile\tfile\t", 13, i);
+    const char* line = find_catalog_line(kOverlayFileTag, text_length(kOverlayFileTag), i);
     if (line == nullptr) return;
-    char target[60];
+    char target[kTargetBytes];
     line_field(line, 3, target, sizeof target);
     for (const char* program : kShellPrograms) {
       if (str_equal(target, program) && end_tasks_named(program) > 0) {

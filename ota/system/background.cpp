@@ -10,20 +10,18 @@ namespace ota {
 
 namespace {
 
-constexpr usize kStateBytes = 60;
-constexpr usize kLogShownBytes = 900;
 constexpr const char* kRunning = "state=running";
 constexpr usize kRunningLength = 13;
 constexpr const char* kRunningWithPid = "state=running pid=";
 constexpr usize kRunningWithPidLength = 18;
 
 struct ApplyState {
-  char text[kStateBytes + 1];
+  char text[kApplyStateBytes + 1];
   i64 length;
 };
 
 void read_apply_state(ApplyState* state) {
-  state->length = read_file(kApplyStatePath, state->text, kStateBytes);
+  state->length = read_file(kApplyStatePath, state->text, kApplyStateBytes);
   state->text[state->length > 0 ? state->length : 0] = 0;
 }
 
@@ -76,7 +74,7 @@ int apply_in_background(bool restart, bool force) {
     print_out("system: apply started in the background, watch: ota system status\n");
     return 0;
   }
-  char line[kStateBytes];
+  char line[kApplyStateBytes];
   usize len = str_copy(line, kRunningWithPid);
   len += format_decimal(sys_getpid(), line + len, 0);
   str_append_char(line, len, '\n');
@@ -97,7 +95,7 @@ void apply_report() {
   if (state_running(state) && !alive(state)) {
     print_out("system: apply state is stale (the task is gone), use: ota system apply bg force\n");
   }
-  char log[kLogShownBytes];
+  char log[kApplyLogShownBytes];
   i64 n = read_file(kApplyLogPath, log, sizeof log);
   if (n > 0) {
     print_out("system: apply log:\n");

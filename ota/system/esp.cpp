@@ -9,18 +9,12 @@ namespace ota {
 
 char slot_a_path[kSlotPathBytes];
 char slot_b_path[kSlotPathBytes];
-char esp_menu_text[kMenuBytes + 1];
+char esp_menu_text[kMenuTextBytes + 1];
 
 namespace {
 
 // Tried in this order: SATA/SCSI, then NVMe, then the old IDE name.
 constexpr const char* kCandidates[] = {"/dev/sda1", "/dev/nvme01", "/dev/hda1"};
-
-void build_slot_path(char* out, const char* dir, const char* file) {
-  usize len = str_copy(out, kEspMount);
-  len = str_append_at(out, len, dir);
-  str_append_at(out, len, file);
-}
 
 // The SHA-256 of a file as 64 lowercase hex digits; 0 when it cannot be opened.
 int file_sha256_hex(const char* path, char out[65]) {
@@ -37,8 +31,14 @@ void report_hash(const char* label, const char* path) {
 
 }  // namespace
 
+void build_slot_path(char* out, const char* dir, const char* file) {
+  usize len = str_copy(out, kEspMount);
+  len = str_append_at(out, len, dir);
+  str_append_at(out, len, file);
+}
+
 i64 read_menu() {
-  i64 n = read_file(kMenuPath, esp_menu_text, kMenuBytes);
+  i64 n = read_file(kMenuPath, esp_menu_text, kMenuTextBytes);
   esp_menu_text[n > 0 ? n : 0] = 0;
   return n;
 }
@@ -65,7 +65,7 @@ bool mount_esp() {
   if (!mounted) return false;
   i64 n = read_menu();
   const char* dir = "";
-  if (n >= 1 && n < static_cast<i64>(kMenuBytes) && find_first_entry_kernel_dir(esp_menu_text, static_cast<usize>(n))) {
+  if (n >= 1 && n < static_cast<i64>(kMenuTextBytes) && find_first_entry_kernel_dir(esp_menu_text, static_cast<usize>(n))) {
     dir = menu_kernel_dir();
   }
   build_slot_path(slot_a_path, dir, "/tavi.mb");

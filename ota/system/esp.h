@@ -2,26 +2,26 @@
 // The EFI system partition: found among the boot disks' first partitions, mounted at
 // /sysesp for the length of one operation, and the two kernel slots on it.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
 
 constexpr const char* kEspMount = "/sysesp";
 constexpr const char* kMenuPath = "/sysesp/limine.conf";
-// The menu is read whole up to 24,000 bytes; a file that fills them is refused.
-constexpr usize kMenuBytes = 24000;
-// "/sysesp", a kernel directory below 90 characters and "/tavi-b.mb".
-constexpr usize kSlotPathBytes = 128;
 
 extern char slot_a_path[kSlotPathBytes];
 extern char slot_b_path[kSlotPathBytes];
 
+// "/sysesp", the kernel directory (below kKernelDirBytes) and the file, into out
+// (kSlotPathBytes).
+void build_slot_path(char* out, const char* dir, const char* file);
 bool try_mount_esp(const char* device);
 bool mount_esp();
 void unmount_esp();
 int esp_report();
 // The menu as last read, closed with a 0 after what was read.
-extern char esp_menu_text[kMenuBytes + 1];
+extern char esp_menu_text[kMenuTextBytes + 1];
 // Reads the menu into esp_menu_text; the byte count, or -1.
 i64 read_menu();
 

@@ -18,14 +18,6 @@ bool system_background = false;
 
 namespace {
 
-constexpr const char* kSystemTag = "system\t";
-constexpr const char* kFileEntryTag = "sysfile\t";
-// /etc/osversion is shown up to 200 bytes, the pending record up to 300.
-constexpr usize kOsVersionBytes = 200;
-constexpr usize kPendingBytes = 300;
-// "System update available: build " and a number, in a zeroed buffer.
-constexpr usize kNoticeBytes = 96;
-
 u64 number_field(const char* line, u64 n) {
   char text[kSizeFieldBytes];
   line_field(line, n, text, sizeof text);
@@ -41,7 +33,7 @@ void read_entry(const char* line, ManifestFile* entry) {
 }  // namespace
 
 int parse_system_manifest() {
-  const char* line = find_catalog_line(kSystemTag, 7, 0);
+  const char* line = find_catalog_line(kSystemTag, text_length(kSystemTag), 0);
   if (line == nullptr) return fail("ota: this source offers no system update (no system line)", nullptr);
   char text[kBuildFieldBytes];
   if (!line_field(line, 0, text, sizeof text)) return fail("ota: system list line unreadable: ", kSystemTag);
@@ -56,17 +48,17 @@ int parse_system_manifest() {
   manifest.file_count = 0;
   manifest.unknown_entry = false;
   for (u64 i = 0;; i++) {
-    const char* entry = find_catalog_line(kFileEntryTag, 8, i);
+    const char* entry = find_catalog_line(kSystemFileTag, text_length(kSystemFileTag), i);
     if (entry == nullptr) break;
     char kind[kKindBytes];
     if (!line_field(entry, 0, kind, sizeof kind)) continue;
-    if (str_equal(kind, "kernel")) {
+    if (str_equal(kind, kKernelKind)) {
       read_entry(entry, &manifest.kernel);
-    } else if (str_equal(kind, "notes")) {
+    } else if (str_equal(kind, kNotesKind)) {
       read_entry(entry, &manifest.notes);
-    } else if (str_equal(kind, "roots")) {
+    } else if (str_equal(kind, kRootsKind)) {
       read_entry(entry, &manifest.roots);
-    } else if (str_equal(kind, "file")) {
+    } else if (str_equal(kind, kFileKind)) {
       manifest.file_count++;
     } else {
       manifest.unknown_entry = true;

@@ -2,6 +2,7 @@
 // The system manifest: the signed file pair of the system source, read into the shared
 // fields below, and the small status files of the system side.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
@@ -11,17 +12,6 @@ constexpr const char* kSystemStatePath = "/system/sys.stand";
 constexpr const char* kSystemNotesPath = "/system/sys.notes";
 constexpr const char* kSystemNotifiedPath = "/system/sys.notified";
 constexpr const char* kSystemPendingPath = "/system/SYSPENDING";
-// Release notes are kept and shown up to this size; larger notes are not fetched.
-constexpr u64 kNotesLimit = 2000;
-
-// Capacities of the manifest fields (characters kept plus the closing 0).
-constexpr usize kBuildFieldBytes = 20;
-constexpr usize kCommitBytes = 20;
-constexpr usize kKindBytes = 24;
-constexpr usize kShaFieldBytes = 70;
-constexpr usize kSizeFieldBytes = 20;
-constexpr usize kEntryNameBytes = 120;
-
 struct ManifestFile {
   char sha[kShaFieldBytes];
   u64 size;

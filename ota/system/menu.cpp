@@ -23,11 +23,11 @@ constexpr const char* kMenuFile = "/sysesp/limine.conf";
 constexpr const char* kNewMenuFile = "/sysesp/limine.nw";
 
 constexpr char kPathPrefix[] = "path: boot():";
-constexpr usize kPathPrefixLength = sizeof kPathPrefix - 1;
+constexpr usize kPathPrefixLength = text_length(kPathPrefix);
 constexpr char kDefaultKey[] = "default_entry:";
-constexpr usize kDefaultKeyLength = sizeof kDefaultKey - 1;
+constexpr usize kDefaultKeyLength = text_length(kDefaultKey);
 constexpr char kDefaultTwo[] = "default_entry: 2";
-constexpr usize kDefaultTwoLength = sizeof kDefaultTwo - 1;
+constexpr usize kDefaultTwoLength = text_length(kDefaultTwo);
 // The digit of "default_entry: 2", counted from its first byte.
 constexpr usize kDefaultDigitOffset = 15;
 constexpr const char* kSlotAEnding = "/tavi.mb";

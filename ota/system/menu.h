@@ -7,21 +7,15 @@
 // The checks and the rewrite work on text in memory and never touch a file; the file
 // operations at the end read and write the menu on the mounted partition.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
 
-// The menu is read whole into a buffer of this size. A file that fills it completely may
-// have been cut, so the callers refuse it.
-constexpr usize kMenuTextBytes = 24000;
-// The rewrite adds one entry copied from the first, so the result gets room for a full
-// extra entry on top of the largest menu accepted.
-constexpr usize kMenuOutputBytes = 28000;
-// Kernel directory on the partition, as written in the first entry's path line: at most
-// 89 characters and the closing 0. Longer directories are not taken.
-constexpr usize kKernelDirBytes = 90;
-// The promotion copies slot B over slot A in blocks of this size.
-constexpr usize kCopyBlockBytes = 32768;
+// The menu's capacities (read whole into kMenuTextBytes, rewritten into kMenuOutputBytes,
+// a kernel directory below kKernelDirBytes, slot copies in kCopyBlockBytes) are in
+// device_limits.h. A menu that fills its whole buffer may have been cut, so the callers
+// refuse it.
 
 // Result codes of check_and_add_entry_b; 0 means the output holds the new menu.
 constexpr int kMenuNoFirstEntry = 1;

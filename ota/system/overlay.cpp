@@ -13,24 +13,8 @@ namespace ota {
 
 namespace {
 
-constexpr const char* kFileTag = "sysfile\tfile\t";
-constexpr usize kFileTagLength = 13;
-constexpr const char* kGzipTag = "sysgz\t";
-constexpr const char* kLinkTag = "syslink\t";
-// Field capacities: a file entry's target 59 characters, a gzip line's target 63, link
-// paths and targets 59.
-constexpr usize kTargetBytes = 60;
-constexpr usize kGzipTargetBytes = 64;
-constexpr usize kLinkBytes = 60;
-// The journal is written up to 7,900 bytes and read back up to 8,000; each line is cut
-// to 130 characters after its flag.
-constexpr usize kJournalLimit = 7900;
-constexpr usize kJournalReadBytes = 8000;
-constexpr usize kJournalLineBytes = 130;
-// Paths: a directory, "/", and a staging name of up to 60 characters.
-constexpr usize kPathBytes = 96;
-// Room kept free beside the overlay files.
-constexpr u64 kSpareRoom = 524288;
+constexpr usize kFileTagLength = text_length(kOverlayFileTag);
+constexpr usize kPathBytes = kOverlayPathBytes;
 constexpr u64 kExecutableMode = 0755;
 constexpr u64 kPlainMode = 0644;
 
@@ -48,7 +32,7 @@ struct FileEntry {
 
 // The index-th file entry; false when there is none.
 bool file_entry(u64 index, FileEntry* entry) {
-  const char* line = find_catalog_line(kFileTag, kFileTagLength, index);
+  const char* line = find_catalog_line(kOverlayFileTag, kFileTagLength, index);
   if (line == nullptr) return false;
   char size[kSizeFieldBytes];
   line_field(line, 0, entry->sha, sizeof entry->sha);
@@ -60,7 +44,7 @@ bool file_entry(u64 index, FileEntry* entry) {
 }
 
 bool link_entry(u64 index, char path[kLinkBytes], char target[kLinkBytes]) {
-  const char* line = find_catalog_line(kLinkTag, 8, index);
+  const char* line = find_catalog_line(kLinkTag, text_length(kLinkTag), index);
   if (line == nullptr) return false;
   line_field(line, 0, path, kLinkBytes);
   line_field(line, 1, target, kLinkBytes);
@@ -84,7 +68,7 @@ bool renamed(const char* from, const char* to) { return !is_error(sys_rename(fro
 
 bool valid_bare_name(const char* name) {
   usize len = str_len(name);
-  if (len < 1 || len > 60 || name[0] == '.') return false;
+  if (len < 1 || len > kTargetLongest || name[0] == '.') return false;
   for (usize i = 0; i < len; i++) {
     if (!name_char(name[i])) return false;
   }
@@ -94,9 +78,9 @@ bool valid_bare_name(const char* name) {
 bool valid_target(const char* target) {
   if (target[0] != '/') return valid_bare_name(target);
   usize len = str_len(target);
-  if (len < 6 || len > 60) return false;
-  if (!str_starts_with(target, "/apps/") && !str_starts_with(target, "/etc/") &&
-      !str_starts_with(target, "/usr/share/") && !str_starts_with(target, "/lib/")) {
+  if (len < kTargetShortestPath || len > kTargetLongest) return false;
+  if (!str_starts_with(target, kAppsArea) && !str_starts_with(target, kEtcArea) &&
+      !str_starts_with(target, kShareArea) && !str_starts_with(target, kLibArea)) {
     return false;
   }
   for (usize i = 0; i < len; i++) {
@@ -106,22 +90,24 @@ bool valid_target(const char* target) {
 }
 
 bool valid_link(const char* path, const char* target) {
-  return path[0] == '/' && valid_target(path) && str_starts_with(target, "/bin/") && target[5] != '/' &&
-         valid_bare_name(target + 5);
+  constexpr usize kDirLength = text_length(kProgramDirectory);
+  return path[0] == '/' && valid_target(path) && str_starts_with(target, kProgramDirectory) &&
+         target[kDirLength] != '/' && valid_bare_name(target + kDirLength);
 }
 
 void target_real_path(const char* target, char* out) {
   if (target[0] == '/') {
     str_copy(out, target);
   } else {
-    str_append_at(out, str_copy(out, "/bin/"), target);
+    str_append_at(out, str_copy(out, kProgramDirectory), target);
   }
 }
 
 bool target_is_executable(const char* target) {
   if (target[0] != '/') return true;
   usize len = str_len(target);
-  return len >= 7 && str_equal(target + len - 6, "/start");
+  constexpr usize kEndingLength = text_length(kStartEnding);
+  return len > kEndingLength && str_equal(target + len - kEndingLength, kStartEnding);
 }
 
 void staging_path(const char* dir, const char* target, char* out) {
@@ -149,7 +135,7 @@ bool fetch_overlay_file(const char* target, const char* name, u64 size, const ch
   // The first gzip line for this target counts, when it is complete.
   const char* gz = nullptr;
   for (u64 i = 0;; i++) {
-    const char* line = find_catalog_line(kGzipTag, 6, i);
+    const char* line = find_catalog_line(kGzipTag, text_length(kGzipTag), i);
     if (line == nullptr) break;
     char gz_target[kGzipTargetBytes];
     line_field(line, 0, gz_target, sizeof gz_target);
@@ -242,18 +228,18 @@ i64 build_overlay_journal(char* out) {
   out[0] = 0;
   FileEntry entry;
   for (u64 i = 0; file_entry(i, &entry); i++) {
-    if (len + str_len(entry.target) + 3 > kJournalLimit) return -1;
+    if (len + str_len(entry.target) + kJournalFileReserve > kJournalLimit) return -1;
     char real[kPathBytes];
     target_real_path(entry.target, real);
-    len = str_append_char(out, len, file_exists(real) ? '1' : '0');
+    len = str_append_char(out, len, file_exists(real) ? kJournalFileExisted : kJournalFileNew);
     len = str_append_at(out, len, entry.target);
     len = str_append_char(out, len, '\n');
   }
   char path[kLinkBytes];
   char target[kLinkBytes];
   for (u64 i = 0; link_entry(i, path, target); i++) {
-    if (len + 140 > kJournalLimit) return -1;
-    len = str_append_char(out, len, file_exists(path) ? 'L' : 'N');
+    if (len + kJournalLinkReserve > kJournalLimit) return -1;
+    len = str_append_char(out, len, file_exists(path) ? kJournalLinkExisted : kJournalLinkNew);
     len = str_append_at(out, len, path);
     len = str_append_char(out, len, '\t');
     len = str_append_at(out, len, target);
@@ -291,7 +277,7 @@ bool replay_overlay_journal(ReplayMode mode) {
     mem_copy(rest, text + line_start + 1, rest_len);
     rest[rest_len] = 0;
 
-    if (flag == 'L' || flag == 'N') {
+    if (flag == kJournalLinkExisted || flag == kJournalLinkNew) {
       i64 tab = str_find(rest, "\t");
       if (tab < 0) continue;
       rest[tab] = 0;
@@ -304,7 +290,7 @@ bool replay_overlay_journal(ReplayMode mode) {
         sys_link(target, path);
       } else if (mode == ReplayMode::restore) {
         remove_file(path);
-        if (flag == 'L') sys_link(target, path);
+        if (flag == kJournalLinkExisted) sys_link(target, path);
       }
       continue;
     }
@@ -318,13 +304,13 @@ bool replay_overlay_journal(ReplayMode mode) {
     target_real_path(target, real);
     if (mode == ReplayMode::install) {
       make_parents(real);
-      if (flag == '1') {
+      if (flag == kJournalFileExisted) {
         remove_file(backup);
         if (!renamed(real, backup)) failed = true;
       }
       if (!renamed(staged, real)) failed = true;
     } else if (mode == ReplayMode::restore) {
-      if (flag == '1') {
+      if (flag == kJournalFileExisted) {
         if (file_exists(backup)) {
           remove_file(real);
           renamed(backup, real);

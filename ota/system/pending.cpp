@@ -13,9 +13,6 @@ namespace ota {
 
 namespace {
 
-constexpr usize kPendingBytes = 300;
-constexpr usize kVersionBytes = 200;
-constexpr usize kCommitPrefix = 7;
 
 // The value text after key in the record, or null.
 const char* after_key(const char* text, usize len, const char* key) {
@@ -35,7 +32,7 @@ int roll_back() {
 }  // namespace
 
 bool arm_system_trial() {
-  char text[11];
+  char text[kCurrentGenerationReadBytes];
   i64 n = read_file(kCurrentGenerationPath, text, sizeof text);
   u64 generation = 0;
   if (n < 8) {
@@ -57,12 +54,16 @@ bool arm_system_trial() {
 }
 
 bool write_pending_record() {
+  // Each key starts its own line; the texts join the line end before it and the key.
+  constexpr const char* kCommitLine = "\ncommit=";
+  constexpr const char* kShaLine = "\nsha=";
+  static_assert(texts_equal(kCommitLine + 1, kPendingCommitKey) && texts_equal(kShaLine + 1, kPendingShaKey));
   char record[kPendingBytes];
-  usize len = str_copy(record, "count=");
+  usize len = str_copy(record, kPendingCountKey);
   len += format_decimal(manifest.build, record + len, 0);
-  len = str_append_at(record, len, "\ncommit=");
+  len = str_append_at(record, len, kCommitLine);
   len = str_append_at(record, len, manifest.commit);
-  len = str_append_at(record, len, "\nsha=");
+  len = str_append_at(record, len, kShaLine);
   len = str_append_at(record, len, manifest.kernel.sha);
   len = str_append_char(record, len, '\n');
   return replace_file(kSystemPendingPath, record, len);
@@ -74,9 +75,9 @@ bool system_trial_pending() {
 }
 
 bool running_kernel_is(const char* commit7) {
-  char version[kVersionBytes + kCommitPrefix + 1];
+  char version[kProcVersionBytes + kCommitPrefix + 1];
   mem_fill(version, 0, sizeof version);
-  i64 n = read_file("/proc/version", version, kVersionBytes);
+  i64 n = read_file("/proc/version", version, kProcVersionBytes);
   if (n <= 0) return false;
   const char* build = after_key(version, static_cast<usize>(n), " build ");
   return build != nullptr && mem_equal(build, commit7, kCommitPrefix);
@@ -92,9 +93,9 @@ int confirm_system_update() {
     return 0;
   }
   usize len = static_cast<usize>(n);
-  const char* count = after_key(record, len, "count=");
-  const char* commit = after_key(record, len, "commit=");
-  const char* sha = after_key(record, len, "sha=");
+  const char* count = after_key(record, len, kPendingCountKey);
+  const char* commit = after_key(record, len, kPendingCommitKey);
+  const char* sha = after_key(record, len, kPendingShaKey);
   if (count == nullptr || commit == nullptr || sha == nullptr) {
     remove_file(kSystemPendingPath);
     restore_overlay();
@@ -108,7 +109,7 @@ int confirm_system_update() {
   if (!running_kernel_is(commit)) return roll_back();
   if (!mount_esp()) return 0;
   i64 m = read_menu();
-  if (m <= 0 || m >= static_cast<i64>(kMenuBytes)) {
+  if (m <= 0 || m >= static_cast<i64>(kMenuTextBytes)) {
     unmount_esp();
     return 0;
   }

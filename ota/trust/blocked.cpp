@@ -10,17 +10,14 @@ BlockedTable blocked;
 
 namespace {
 
-constexpr const char* kBlockedTag = "gesperrt\t";
-constexpr usize kBlockedTagLength = 9;
-// The version field is read with 24 bytes (23 characters).
-constexpr usize kVersionFieldBytes = 24;
+constexpr usize kBlockedTagLength = text_length(kBlockedTag);
 
 // The index-th catalog line's version text; 0 when there is no such line, -1 when the
 // line has no version field.
-int catalog_blocked_field(u64 index, char out[kVersionFieldBytes]) {
+int catalog_blocked_field(u64 index, char out[kBlockedFieldBytes]) {
   const char* line = find_catalog_line(kBlockedTag, kBlockedTagLength, index);
   if (line == nullptr) return 0;
-  return line_field(line, 0, out, kVersionFieldBytes) ? 1 : -1;
+  return line_field(line, 0, out, kBlockedFieldBytes) ? 1 : -1;
 }
 
 }  // namespace
@@ -35,9 +32,9 @@ void load_blocked_versions() {
 
 int is_in_blocked_list(u64 version) {
   for (u64 i = 0; i < blocked.count; i++) {
-    char digits[9];
-    mem_copy(digits, blocked.bytes + i * kBlockedRecordBytes, 8);
-    digits[8] = 0;
+    char digits[kStoredDigits + 1];
+    mem_copy(digits, blocked.bytes + i * kBlockedRecordBytes, kStoredDigits);
+    digits[kStoredDigits] = 0;
     if (parse_decimal(digits) == version) return 1;
   }
   return 0;
@@ -47,7 +44,7 @@ int add_blocked_version(u64 version) {
   if (is_in_blocked_list(version) || blocked.count >= kBlockedRecords) return 0;
   char* record = blocked.bytes + blocked.count * kBlockedRecordBytes;
   format_eight_digits(record, version);
-  record[8] = '\n';
+  record[kStoredDigits] = '\n';
   blocked.count++;
   return 1;
 }
@@ -55,7 +52,7 @@ int add_blocked_version(u64 version) {
 void merge_blocked_versions() {
   load_blocked_versions();
   u64 added = 0;
-  char field[kVersionFieldBytes];
+  char field[kBlockedFieldBytes];
   for (u64 index = 0;; index++) {
     int found = catalog_blocked_field(index, field);
     if (found == 0) break;
@@ -67,7 +64,7 @@ void merge_blocked_versions() {
 int version_is_blocked(u64 version) {
   load_blocked_versions();
   if (is_in_blocked_list(version)) return 1;
-  char field[kVersionFieldBytes];
+  char field[kBlockedFieldBytes];
   for (u64 index = 0;; index++) {
     int found = catalog_blocked_field(index, field);
     if (found == 0) return 0;
@@ -77,15 +74,15 @@ int version_is_blocked(u64 version) {
 
 void print_blocked_versions() {
   // The list is one line, put together here and written in pieces only when long.
-  char line[512];
+  char line[kLineBytes];
   usize len = 0;
   bool any = false;
-  char field[kVersionFieldBytes];
+  char field[kBlockedFieldBytes];
   for (u64 index = 0;; index++) {
     int found = catalog_blocked_field(index, field);
     if (found == 0) break;
     if (found < 0) continue;
-    if (len + kVersionFieldBytes + 32 > sizeof line) {
+    if (len + kBlockedFieldBytes + 32 > sizeof line) {
       print_bytes(line, len);
       len = 0;
     }

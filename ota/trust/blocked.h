@@ -2,16 +2,12 @@
 // Versions a signed catalog withdrew. The device remembers every one it has seen in
 // /system/GESPERRT, so a replayed or later catalog cannot bring one back.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
 
 constexpr const char* kBlockedPath = "/system/GESPERRT";
-// 64 records of 9 bytes; one byte less than 65 records so a 640-byte file still
-// yields 64.
-constexpr usize kBlockedRecords = 64;
-constexpr usize kBlockedRecordBytes = 9;
-constexpr usize kBlockedFileBytes = 639;
 
 struct BlockedTable {
   char bytes[kBlockedFileBytes + kBlockedRecordBytes];

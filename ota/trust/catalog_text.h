@@ -2,15 +2,12 @@
 // The verified catalog (or system manifest) held in memory, and the readers of its lines.
 // Every line is read by its tag at a line start; fields are separated by single TABs.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
 
-// The catalog is read into 32,767 bytes; a 0 always follows the text.
-constexpr usize kCatalogBytes = 32767;
-
-// The longest tag whose lookups are remembered ("sysfile\tfile\t" is the longest in use).
-constexpr usize kCursorTagBytes = 16;
+// The catalog's capacity (a 0 always follows the text) is in device_limits.h.
 
 // Where the last lookup by tag stopped. The readers walk the lines of one tag in order
 // (index 0, 1, 2, ...); going on from the last match makes such a walk one pass over the

@@ -430,6 +430,34 @@ void scalar_reduce(u8 out[32], const u8 wide[64]) {
 
 }  // namespace
 
+#ifdef OTA_HOST_BUILD
+// Built for the host tools only: kept out of the device program, whose compiler would
+// otherwise share the decoder and the constants differently between two callers.
+int ed25519_key_problem(const u8 public_key[kPublicKeyBytes]) {
+  if (!y_is_canonical(public_key)) return kKeyNotCanonical;
+  Curve curve;
+  set_curve(curve);
+  Ge3 a;
+  if (!ge_decode(a, public_key, curve)) {
+    // The encoding is canonical, so the decoder refused either a y without a point or the
+    // sign bit on x = 0; without the sign bit only the first still fails.
+    u8 unsigned_key[kPublicKeyBytes];
+    for (usize i = 0; i < kPublicKeyBytes; i++) unsigned_key[i] = public_key[i];
+    unsigned_key[kPublicKeyBytes - 1] &= 0x7f;
+    return ge_decode(a, unsigned_key, curve) ? kKeyZeroXSigned : kKeyNotOnCurve;
+  }
+  // The group has order 8 L: a point has small order exactly when [8]A is the neutral
+  // point (x = 0, y = 1), that is X = 0 and Y = Z.
+  Ge2 p = {a.X, a.Y, a.Z};
+  for (int i = 0; i < 3; i++) {
+    Ge1 t;
+    ge_double(t, p);
+    ge1_to_2(p, t);
+  }
+  return fe_is_zero(p.X) && fe_equal(p.Y, p.Z) ? kKeySmallOrder : kKeyUsable;
+}
+#endif
+
 int ed25519_verify(const u8 public_key[kPublicKeyBytes], const u8* message, usize length,
                    const u8 signature[kSignatureBytes]) {
   const u8* r_bytes = signature;

@@ -11,13 +11,6 @@ TrustState trust;
 
 namespace {
 
-// Capacities of the key-change fields as read: generation, key text, signature text.
-constexpr usize kGenerationFieldBytes = 24;
-constexpr usize kKeyFieldBytes = 80;
-constexpr usize kSignatureFieldBytes = 140;
-constexpr const char* kChainTag = "kette\t";
-constexpr const char* kSignedPrefix = "tavi-schluessel\t";
-
 int read_key_file(const char* path, u8 out[kKeyBytes]) {
   return read_file(path, out, kKeyBytes) == static_cast<i64>(kKeyBytes);
 }
@@ -65,7 +58,7 @@ void follow_key_chain() {
   trust.chain_broken = false;
   u64 index = 0;
   for (;;) {
-    const char* line = find_catalog_line(kChainTag, 6, index);
+    const char* line = find_catalog_line(kChainTag, text_length(kChainTag), index);
     if (line == nullptr) return;
     char generation[kGenerationFieldBytes];
     if (!line_field(line, 0, generation, sizeof generation) ||
@@ -84,8 +77,8 @@ void follow_key_chain() {
     }
     // The signed text: "tavi-schluessel", TAB, the new generation, TAB, the key field as
     // it stands in the line (its letters' case kept), no line end.
-    char signed_text[sizeof "tavi-schluessel\t" + kDecimalBytes + kKeyFieldBytes];
-    usize len = str_copy(signed_text, kSignedPrefix);
+    char signed_text[text_length(kChainSignedPrefix) + 1 + kDecimalBytes + kKeyFieldBytes];
+    usize len = str_copy(signed_text, kChainSignedPrefix);
     len += format_decimal(trust.current_generation + 1, signed_text + len, 0);
     len = str_append_char(signed_text, len, '\t');
     len = str_append_at(signed_text, len, key_text);

@@ -3,6 +3,7 @@
 // runs from sha256_init to sha256_final with no other hash in between. Every digest the
 // program uses comes from sha256_file.
 
+#include "device_limits.h"
 #include "runtime/syscall.h"
 
 namespace ota {
@@ -10,8 +11,8 @@ namespace ota {
 constexpr usize kSha256DigestBytes = 32;
 // The digest as text: two lowercase hex digits per byte and the terminating zero.
 constexpr usize kDigestHexBytes = 2 * kSha256DigestBytes + 1;
-// sha256_file reads through one buffer of this size, so no file is ever held whole.
-constexpr usize kSha256ReadBytes = 4096;
+// sha256_file reads through one buffer of kSha256ReadBytes, so no file is ever held
+// whole.
 
 void sha256_init();
 void sha256_update(const void* bytes, usize length);

@@ -231,6 +231,48 @@ TEST_F(ApplyTest, AnInstallerFailureStopsAtThatPackage) {
   EXPECT_NE(r.out.find("ota: packages already current: 1\n"), std::string::npos);
 }
 
+// An INDEX changed on its way from the source (here: one package's version made
+// current). The installer believes no word of an index its signature does not cover: it
+// lists nothing as current and installs nothing, so the version stays where it was.
+TEST_F(ApplyTest, AnIndexChangedOnTheWayInstallsNothingAndKeepsTheVersion) {
+  device().write_file("/system/FASSUNG", "00000004\n");
+  offer({{"core", 1000}});
+  device().write_file("/system/tpk/installed", "core\t4\n");
+  std::string index = served("INDEX");
+  size_t at = index.find("core\t5\t");
+  ASSERT_NE(at, std::string::npos) << index;
+  index.replace(at, 7, "core\t4\t");
+  write_all(source_ + "/INDEX", index);
+  RunResult r = device().run({"apply"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("ota: applying with tpk core\nota: tpk did not install, code 5\n"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("nothing to install"), std::string::npos) << r.out;
+  EXPECT_EQ(device().read_file("/system/FASSUNG").value_or(""), "00000004\n");
+  EXPECT_EQ(device().read_file("/system/tpk/installed").value_or(""), "core\t4\n");
+  EXPECT_EQ(phase(), "fehler");
+  auto refused = tavisim::events_of(r.events, "tpk");
+  ASSERT_EQ(refused.size(), 2u);  // the catalog, then the update
+  EXPECT_EQ(refused[0].fields[0], "index-refused");
+}
+
+// The trusting installer model (sim.conf "tpk-index trusted") believes the changed index:
+// every package looks current and the device records the new version with nothing
+// installed. The signed model exists to rule that out.
+TEST_F(ApplyTest, TheTrustingInstallerModelBelievesAChangedIndex) {
+  device().write_file("/system/FASSUNG", "00000004\n");
+  offer({{"core", 1000}});
+  device().write_file("/system/tpk/installed", "core\t4\n");
+  std::string index = served("INDEX");
+  index.replace(index.find("core\t5\t"), 7, "core\t4\t");
+  write_all(source_ + "/INDEX", index);
+  device().config().tpk_index_signed = false;
+  RunResult r = device().run({"apply"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("ota: nothing to install -- every package is current\n"), std::string::npos) << r.out;
+  EXPECT_EQ(device().read_file("/system/FASSUNG").value_or(""), "00000005\n");
+  EXPECT_EQ(device().read_file("/system/tpk/installed").value_or(""), "core\t4\n");
+}
+
 TEST_F(ApplyTest, AnInstallerThatCannotBeStartedIsReportedAsCodeMinusOne) {
   device().write_file("/system/FASSUNG", "00000004\n");
   offer({{"core", 1000}});

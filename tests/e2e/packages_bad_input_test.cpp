@@ -33,8 +33,10 @@ class BadCatalogTest : public SourceTest {
   void serve_package(const std::string& name, const std::string& data, const std::string& package = "p") {
     write_all(source_ + "/" + name, data);
     write_all(source_ + "/" + name + ".sig", std::string(64, 's'));
-    write_all(source_ + "/INDEX", package + "\t5\t" + name + "\t" + hash_of(data) + "\n");
-    write_all(source_ + "/INDEX.sig", std::string(64, 's'));
+    std::string index = package + "\t5\t" + name + "\t" + hash_of(data) + "\n";
+    write_all(source_ + "/INDEX", index);
+    // The installer believes an index only with a signature by the device's key.
+    write_all(source_ + "/INDEX.sig", k.sign(index));
   }
 };
 

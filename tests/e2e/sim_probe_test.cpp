@@ -10,6 +10,7 @@
 
 #include <sstream>
 
+#include "../unit/signing.h"
 #include "device_test.h"
 
 namespace tavisim {
@@ -322,12 +323,20 @@ TEST_F(CurlFetchProbe, RefusesEveryOtherHost) {
 
 class TpkProbe : public ProbeTest {
  protected:
+  const TestKey trusted = TestKey::from_seed(51);
+  const TestKey spare = TestKey::from_seed(52);
   void SetUp() override {
     ProbeTest::SetUp();
-    device().write_file("/tmp/ota/INDEX", "alpha\t5\talpha-5.tpk\t" + std::string(64, 'a') +
-                                              "\nbeta\t5\tbeta-5.tpk\t" + std::string(64, 'b') + "\n");
+    device().write_file("/system/schluessel.pub", trusted.pub_bytes());
+    write_index("alpha\t5\talpha-5.tpk\t" + std::string(64, 'a') + "\nbeta\t5\tbeta-5.tpk\t" + std::string(64, 'b') +
+                "\n");
     device().write_file("/tmp/ota/alpha-5.tpk", "A");
     device().write_file("/tmp/ota/beta-5.tpk", "B");
+  }
+  // INDEX and its signature by the given key (the trusted key when none is named).
+  void write_index(const std::string& text, const TestKey* signer = nullptr) {
+    device().write_file("/tmp/ota/INDEX", text);
+    device().write_file("/tmp/ota/INDEX.sig", (signer ? *signer : trusted).sign(text));
   }
   std::string code_of(const std::string& words) {
     RunResult r = probe("spawn /bin/tpk " + words);
@@ -352,7 +361,7 @@ TEST_F(TpkProbe, CatalogUpdateTrialAndRollback) {
   EXPECT_EQ(device().read_file("/system/ERPROBUNG"), "gen=00000001 vor=00000000 v=00 ok=1\n");
 
   // A confirmed trial: the next update opens generation 2.
-  device().write_file("/tmp/ota/INDEX", "alpha\t6\talpha-6.tpk\t" + std::string(64, 'a') + "\n");
+  write_index("alpha\t6\talpha-6.tpk\t" + std::string(64, 'a') + "\n");
   device().write_file("/tmp/ota/alpha-6.tpk", "A6");
   EXPECT_EQ(code_of("update alpha --source /tmp/ota"), "0");
   EXPECT_EQ(device().read_file("/system/ERPROBUNG"), "gen=00000002 vor=00000001 v=00 ok=0\n");
@@ -365,6 +374,55 @@ TEST_F(TpkProbe, CatalogUpdateTrialAndRollback) {
   EXPECT_EQ(code_of("rollback 00000042"), "2");
   EXPECT_EQ(code_of("rebuild"), "0");
   EXPECT_EQ(code_of("trial ok"), "1");  // no record
+}
+
+TEST_F(TpkProbe, AnIndexNotSignedByTheDevicesKeysIsNeitherCataloguedNorInstalled) {
+  // Changed on the way: the signature no longer fits.
+  std::string index = device().read_file("/tmp/ota/INDEX").value_or("");
+  device().write_file("/tmp/ota/INDEX", index + "gamma\t5\tgamma-5.tpk\t" + std::string(64, 'c') + "\n");
+  device().remove("/tmp/ota/CATALOG");
+  RunResult r = probe("spawn /bin/tpk catalog /tmp/ota /tmp/ota/CATALOG");
+  EXPECT_TRUE(r.out.find("code 5") != std::string::npos) << r.out;
+  EXPECT_FALSE(device().exists("/tmp/ota/CATALOG"));
+  auto refused = events_of(r.events, "tpk");
+  ASSERT_EQ(refused.size(), 1u);
+  EXPECT_EQ(refused[0].fields, (std::vector<std::string>{"index-refused", "/tmp/ota/INDEX"}));
+
+  EXPECT_EQ(code_of("update alpha --source /tmp/ota"), "5");
+  EXPECT_FALSE(device().exists("/system/ERPROBUNG"));
+  EXPECT_FALSE(device().exists("/system/tpk/installed"));
+
+  // Signed by a key the device does not hold, or a signature file too short: the same.
+  write_index(index, &spare);
+  EXPECT_EQ(code_of("catalog /tmp/ota /tmp/ota/CATALOG"), "5");
+  device().write_file("/tmp/ota/INDEX.sig", trusted.sign(index).substr(0, 63));
+  EXPECT_EQ(code_of("update alpha --source /tmp/ota"), "5");
+  // No trusted key at all: nothing is believed.
+  write_index(index);
+  device().remove("/system/schluessel.pub");
+  EXPECT_EQ(code_of("catalog /tmp/ota /tmp/ota/CATALOG"), "5");
+}
+
+TEST_F(TpkProbe, TheSpareKeyVouchesForTheIndexToo) {
+  device().write_file("/system/ersatz.pub", spare.pub_bytes());
+  std::string index = device().read_file("/tmp/ota/INDEX").value_or("");
+  write_index(index, &spare);
+  EXPECT_EQ(code_of("catalog /tmp/ota /tmp/ota/CATALOG"), "0");
+  EXPECT_EQ(device().read_file("/tmp/ota/CATALOG"), "alpha\t5\t0\nbeta\t5\t0\n");
+  EXPECT_EQ(code_of("update alpha --source /tmp/ota"), "0");
+  // Only the first 32 bytes of a key file and the first 64 of a signature file count.
+  device().write_file("/system/ersatz.pub", spare.pub_bytes() + "tail");
+  device().write_file("/tmp/ota/INDEX.sig", spare.sign(index) + "tail");
+  EXPECT_EQ(code_of("update beta --source /tmp/ota"), "0");
+}
+
+TEST_F(TpkProbe, TheTrustingModelChecksNoSignature) {
+  device().config().tpk_index_signed = false;
+  device().write_file("/tmp/ota/INDEX.sig", std::string(64, 's'));
+  EXPECT_EQ(code_of("catalog /tmp/ota /tmp/ota/CATALOG"), "0");
+  EXPECT_EQ(device().read_file("/tmp/ota/CATALOG"), "alpha\t5\t0\nbeta\t5\t0\n");
+  EXPECT_EQ(code_of("update alpha --source /tmp/ota"), "0");
+  EXPECT_NE(tavisim::format_config(device().config()).find("tpk-index trusted\n"), std::string::npos);
 }
 
 TEST_F(TpkProbe, UpdateFailuresAsConfiguredAndForMissingPackages) {

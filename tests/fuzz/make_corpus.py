@@ -219,6 +219,8 @@ def make_all(c, publish, work):
     for i, (first, second) in enumerate(pairs):
         c.put("fuzz_validators", "pair-%d" % i, piece(first) + second)
 
+    url_paths_seeds(c)
+
     # fuzz_value_of: capacity, key, text.
     c.put("fuzz_value_of", "settings", b"\x14" + piece(b"quelle=") +
           b"xquelle=a\nquelle=b\r\nkanal=stable\nquelle=c\n")
@@ -253,6 +255,24 @@ def make_all(c, publish, work):
     c.put("fuzz_ed25519", "sign", b"\x01" + bytes([0x11]) * 32 + b"a message")
     c.put("fuzz_ed25519", "sign-and-change", b"\x02" + bytes([0x22]) * 32 + b"\x40\x00\x01" + b"a message")
     c.put("fuzz_ed25519", "real-key", b"\x03" + bytes([0x33]) * 32 + bytes(64) + b"m")
+
+
+def url_paths_seeds(c):
+    # fuzz_url_paths: flags, source, device name, file name, catalog fields, overlay
+    # target, boot menu, then a record path.
+    menu = b"timeout: 5\ndefault_entry: 1\n\n/tavi\n    protocol: multiboot1\n    path: boot():/boot/tavi.mb\n"
+    fields = b"hello\tworld\t" + b"ab" * 32 + b"\t10\thello-1.tpk\ttavi-x86_64"
+    source = b"ttp://updates.tavi.test/aktuell"
+    for name, flags, src, file in [("short", 0x00, source, b"INDEX"),
+                                   ("channel-name", 0x03, source, b"VERZEICHNIS.sig"),
+                                   ("long-name", 0x01, source, b"x" * 366),
+                                   ("full-source", 0x0b, b"q" * 198, b"y" * 1000),
+                                   ("system", 0x04, source, b"kernel.mb")]:
+        c.put("fuzz_url_paths", name, bytes([flags]) + piece(src) + piece(b"kiosk-7") + piece(file) +
+              piece(fields) + piece(b"/etc/net/hosts.conf") + piece(menu) + b"record")
+    c.put("fuzz_url_paths", "long-fields", b"\x02" + piece(source) + piece(b"n" * 300) + piece(b"f") +
+          piece(b"\t".join([b"w" * 200] * 6)) + piece(b"t" * 100) + piece(menu.replace(b"/boot", b"/" + b"d" * 88)) +
+          b"r" * 200)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,11 @@
 #include "catalog_text.h"
 
+#include <algorithm>
+#include <vector>
+
+#include "runtime/text.h"
+#include "trust/catalog_text.h"
+
 namespace publish {
 
 std::optional<std::size_t> find_line(std::string_view text, std::string_view tag, std::size_t index) {
@@ -18,7 +24,12 @@ std::optional<std::size_t> find_line(std::string_view text, std::string_view tag
 
 Field line_field(std::string_view text, std::size_t start, std::size_t n, std::size_t kept) {
   Field field;
-  std::size_t pos = start;
+  // What the device keeps comes from the device's own field reader, given the capacity
+  // its caller gives it; the whole field is looked at here only to tell that it was cut.
+  std::vector<char> out(kept + 1);
+  const char* line = text.data() + std::min(start, text.size());
+  field.present = ota::catalog_field(line, text.data() + text.size(), n, out.data(), out.size()) == 1;
+  std::size_t pos = std::min(start, text.size());
   for (std::size_t skipped = 0; skipped < n; ++skipped) {
     while (pos < text.size() && text[pos] != '\t' && text[pos] != '\n') ++pos;
     if (pos >= text.size() || text[pos] == '\n') return field;
@@ -27,20 +38,16 @@ Field line_field(std::string_view text, std::size_t start, std::size_t n, std::s
   std::size_t end = pos;
   while (end < text.size() && text[end] != '\t' && text[end] != '\n') ++end;
   field.whole = std::string(text.substr(pos, end - pos));
-  field.present = !field.whole.empty();
   field.cut = field.whole.size() > kept;
-  field.value = field.whole.substr(0, kept);
+  // The bytes the reader copied (a zero byte among them ends the value as a device uses it).
+  field.value = std::string(out.data(), std::min(field.whole.size(), kept));
   return field;
 }
 
 std::uint64_t device_decimal(std::string_view text) {
-  constexpr std::uint64_t kStick = 1000000000000000000ull;  // 10^18
-  std::uint64_t value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') break;
-    if (value < kStick) value = value * 10 + static_cast<std::uint64_t>(c - '0');
-  }
-  return value;
+  // The device reads numbers from zero-terminated text, so a zero byte ends the digits.
+  std::string terminated(text);
+  return ota::parse_decimal(terminated.c_str());
 }
 
 std::size_t field_count(std::string_view text, std::size_t start) {

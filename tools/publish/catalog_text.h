@@ -20,10 +20,11 @@ struct Field {
 
 // Position just after the tag of the index-th line (from 0) that begins with the tag.
 std::optional<std::size_t> find_line(std::string_view text, std::string_view tag, std::size_t index);
-// Field n of the line whose fields start at `start`, kept with `kept` characters.
+// Field n of the line whose fields start at `start`, kept with `kept` characters: read by
+// the device's own field reader (catalog_field) with a buffer of kept + 1 bytes.
 Field line_field(std::string_view text, std::size_t start, std::size_t n, std::size_t kept);
-// The device's decimal reader: leading digits only, a non-digit first gives 0, and digits
-// after the value reached 10^18 are read but no longer added.
+// The device's own decimal reader (parse_decimal): leading digits only, a non-digit first
+// gives 0, and digits after the value reached 10^18 are read but no longer added.
 std::uint64_t device_decimal(std::string_view text);
 // Number of TAB-separated fields after the tag, up to the end of the line.
 std::size_t field_count(std::string_view text, std::size_t start);

@@ -6,6 +6,7 @@
 #include "key_chain.h"
 #include "limits.h"
 #include "output.h"
+#include "rules.h"
 
 namespace publish {
 
@@ -36,6 +37,7 @@ int chain_command(int argc, char** argv) {
   check_output_free(out, force, "key-change file", false);
   PrivateKey signer = PrivateKey::load(args.required("--signer"));
   PublicKey new_key = load_public_key(args.required("--new"));
+  check_public_key(new_key, "new key");
   if (new_key == signer.public_key()) {
     throw Error("the new key is the signer's own key; a key change must introduce a different key");
   }

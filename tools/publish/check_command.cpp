@@ -1,8 +1,10 @@
 // ota-publish check: looks at a source the way a device would before it takes anything
 // from it, and says what it found. It exits 0 only when a device would accept the source.
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <optional>
+#include <set>
 
 #include "args.h"
 #include "catalog_text.h"
@@ -12,6 +14,8 @@
 #include "limits.h"
 #include "multiboot.h"
 #include "rules.h"
+#include "gzip/gunzip.h"
+#include "trust/ed25519.h"
 
 namespace publish {
 
@@ -178,7 +182,7 @@ void Checker::check_packages() {
     Field name = field(*at, 0, limits::kPackageName, label + " name");
     field(*at, 1, limits::kPackageWord, label + " second word");
     Field sha = line_field(text, *at, 2, limits::kPackageShaField);
-    Field length = field(*at, 3, 127, label + " length");
+    Field length = field(*at, 3, limits::kPackageLength, label + " length");
     Field file = field(*at, 4, limits::kPackageFile, label + " file name");
     Field platform = field(*at, 5, limits::kPlatformTag, label + " platform tag");
     if (!name.present) report.problem(label + " has no package name");
@@ -263,9 +267,8 @@ void Checker::check_system() {
   } else if (device_decimal(build.value) > limits::kStoredNumberMax) {
     report.problem("build " + build.value + " does not fit the eight digits a device stores");
   }
-  if (commit.whole.size() < limits::kCommitMin) {
-    report.problem("commit " + shown(commit.whole) + " is shorter than the seven characters a device compares");
-  }
+  // What a device keeps of the commit goes into /system/sys.stand and /system/SYSPENDING.
+  if (std::string problem = commit_problem(commit.value); !problem.empty()) report.problem(problem);
   if (min_from.present && !is_plain_number(min_from.whole)) {
     report.problem("min_from " + shown(min_from.whole) + " is not a plain number");
   }
@@ -309,22 +312,64 @@ void Checker::check_system() {
     }
   }
 
-  // The first gzip line for a target decides, when it is usable; otherwise the plain file.
-  auto gz_for = [&](const std::string& target) -> std::optional<SysEntry> {
-    for (std::size_t i = 0;; ++i) {
-      auto at = find_line(text, "sysgz\t", i);
-      if (!at) return std::nullopt;
-      Field t = line_field(text, *at, 0, limits::kSysgzTarget);
-      if (t.value != target) continue;
-      SysEntry gz;
-      gz.sha = field(*at, 1, limits::kSysfileSha, "sysgz line for " + target + " SHA-256").value;
-      gz.size = device_decimal(field(*at, 2, limits::kNumberField, "sysgz line for " + target + " size").value);
-      gz.name = field(*at, 3, limits::kSysfileName, "sysgz line for " + target + " name").value;
-      if (gz.sha.size() == limits::kShaHexChars && gz.size > 0 && !gz.name.empty()) return gz;
-      report.warn("the gzip line for " + shown(target) + " is incomplete; devices fetch the plain file");
-      return std::nullopt;
-    }
+  // Every gzip line, in order. A device takes the first line for a target, and only when
+  // it is complete; every other line is never fetched.
+  struct GzLine {
+    std::size_t number = 0;
+    std::string target;
+    SysEntry gz;
+    bool complete = false;
+    bool used = false;
   };
+  std::vector<GzLine> gz_lines;
+  for (std::size_t i = 0;; ++i) {
+    auto at = find_line(text, ota::kGzipTag, i);
+    if (!at) break;
+    GzLine g;
+    g.number = i + 1;
+    g.target = line_field(text, *at, 0, limits::kSysgzTarget).value;
+    std::string label = "sysgz line for " + g.target;
+    g.gz.sha = field(*at, 1, limits::kSysfileSha, label + " SHA-256").value;
+    g.gz.size = device_decimal(field(*at, 2, limits::kNumberField, label + " size").value);
+    g.gz.name = field(*at, 3, limits::kSysfileName, label + " name").value;
+    g.complete = g.gz.sha.size() == limits::kShaHexChars && g.gz.size > 0 && !g.gz.name.empty();
+    gz_lines.push_back(g);
+  }
+  auto gz_for = [&](const std::string& target) -> GzLine* {
+    for (GzLine& g : gz_lines) {
+      if (g.target != target) continue;
+      if (g.complete) return &g;
+      report.warn("the gzip line for " + shown(target) + " is incomplete; devices fetch the plain file");
+      return nullptr;
+    }
+    return nullptr;
+  };
+  // A device unpacks the whole gzip file before it compares the result with the entry, so
+  // each variant is unpacked here with the device's own decoder (stopped once it passes
+  // the entry's size) and compared the same way.
+  // content, when given, receives the unpacked file, only when every check passed.
+  auto check_unpacked = [&](const GzLine& g, const SysEntry& e, const std::string& what, Bytes* content) {
+    Bytes packed;
+    if (!check_download(g.gz.name, g.gz.size, g.gz.sha, what + " (gzip)", &packed)) return;
+    Unpacked unpacked = device_gunzip(packed, e.size, content != nullptr);
+    if (unpacked.over_limit) {
+      report.problem(what + ": " + shown(g.gz.name) + " unpacks to more than the " + std::to_string(e.size) +
+                     " bytes of its entry; a device writes all of it before it checks the size");
+      return;
+    }
+    if (unpacked.code != ota::kGunzipOk) {
+      report.problem(what + ": " + shown(g.gz.name) + " does not unpack: " + gunzip_code_text(unpacked.code));
+      return;
+    }
+    if (unpacked.size != e.size || unpacked.sha != e.sha) {
+      report.problem(what + ": " + shown(g.gz.name) + " unpacks to the wrong size or hash");
+      return;
+    }
+    report.info(what + ": " + g.gz.name + ", " + std::to_string(g.gz.size) + " bytes, unpacks to " +
+                std::to_string(e.size) + " bytes, hashes ok");
+    if (content) *content = std::move(unpacked.content);
+  };
+  std::map<std::string, SysEntry> served;  // target -> the entry a gzip line stands in for
   // content, when given, receives the file a device ends up with (the unpacked one for a
   // gzip variant), only when every check passed.
   auto check_fetch = [&](const std::string& target, const SysEntry& e, const std::string& what, bool gz_allowed,
@@ -337,49 +382,43 @@ void Checker::check_system() {
       report.problem(what + " has no size or no name");
       return;
     }
-    std::optional<SysEntry> gz = gz_allowed ? gz_for(target) : std::nullopt;
+    GzLine* gz = nullptr;
+    if (gz_allowed) {
+      served[target] = e;
+      gz = gz_for(target);
+    }
     if (!gz) {
       if (check_download(e.name, e.size, e.sha, what, content)) {
         report.info(what + ": " + e.name + ", " + std::to_string(e.size) + " bytes, hash ok");
       }
       return;
     }
-    Bytes packed;
-    if (!check_download(gz->name, gz->size, gz->sha, what + " (gzip)", &packed)) return;
-    Bytes unpacked;
-    if (!gunzip_bytes(packed, unpacked)) {
-      report.problem(what + ": " + shown(gz->name) + " does not unpack as gzip");
-      return;
-    }
-    if (unpacked.size() != e.size || sha256_hex(unpacked) != e.sha) {
-      report.problem(what + ": " + shown(gz->name) + " unpacks to the wrong size or hash");
-      return;
-    }
-    report.info(what + ": " + gz->name + ", " + std::to_string(gz->size) + " bytes, unpacks to " +
-                std::to_string(e.size) + " bytes, hashes ok");
-    if (content) *content = std::move(unpacked);
+    gz->used = true;
+    check_unpacked(*gz, e, what, content);
   };
 
-  const SysEntry& kernel = fixed["kernel"];
+  const SysEntry& kernel = fixed[ota::kKernelKind];
   if (!kernel.seen || kernel.size == 0 || kernel.name.empty() || kernel.sha.size() != limits::kShaHexChars) {
     report.problem("system manifest has no kernel entry (size above 0, name and 64-character SHA-256)");
   } else {
     Bytes image;
-    check_fetch("kernel", kernel, "kernel", true, &image);
+    check_fetch(ota::kKernelKind, kernel, "kernel", true, &image);
     std::string problem = image.empty() ? "" : multiboot1_problem(image);
     if (!problem.empty()) {
       report.problem("kernel " + shown(kernel.name) + " would not start under Limine on UEFI: " + problem);
     }
   }
-  if (fixed["notes"].seen && fixed["notes"].size > 0) {
-    if (fixed["notes"].size > limits::kNotesBytes) {
-      report.problem("notes of " + std::to_string(fixed["notes"].size) +
+  if (fixed[ota::kNotesKind].seen && fixed[ota::kNotesKind].size > 0) {
+    if (fixed[ota::kNotesKind].size > limits::kNotesBytes) {
+      report.problem("notes of " + std::to_string(fixed[ota::kNotesKind].size) +
                      " bytes; a device skips notes above 2000 bytes");
     } else {
-      check_fetch("notes", fixed["notes"], "notes", false);
+      check_fetch(ota::kNotesKind, fixed[ota::kNotesKind], "notes", false);
     }
   }
-  if (fixed["roots"].seen && fixed["roots"].size > 0) check_fetch("roots", fixed["roots"], "roots", true);
+  if (fixed[ota::kRootsKind].seen && fixed[ota::kRootsKind].size > 0) {
+    check_fetch(ota::kRootsKind, fixed[ota::kRootsKind], "roots", true);
+  }
 
   std::vector<std::string> targets;
   for (const FileEntry& f : overlay) {
@@ -388,15 +427,52 @@ void Checker::check_system() {
       report.problem("overlay target " + shown(f.target) + " is refused by devices: " + problem);
       continue;
     }
-    if (f.target == "kernel" || f.target == "roots") {
+    if (std::find(targets.begin(), targets.end(), f.target) != targets.end()) {
+      // Both lines go into the journal as files that existed: the second install step
+      // replaces the backup of the first, and the previous file is gone for good.
+      report.problem("overlay target " + shown(f.target) +
+                     " is given twice; a device would lose the backup of the file it replaces");
+      continue;
+    }
+    if (f.target == ota::kKernelKind || f.target == ota::kRootsKind) {
       report.problem("overlay target " + shown(f.target) + " clashes with the gzip line of the " + f.target);
     }
     targets.push_back(f.target);
     check_fetch(f.target, f.entry, "overlay file " + f.target, true);
   }
+  // The gzip lines no device fetches are still unpacked: one of them would be used as soon
+  // as a line before it went, so it must match its entry too.
+  for (const GzLine& g : gz_lines) {
+    if (g.used || !g.complete) continue;
+    auto entry = served.find(g.target);
+    if (entry == served.end()) {
+      report.warn("gzip line " + std::to_string(g.number) + " for " + shown(g.target) +
+                  " belongs to no entry; devices never fetch it");
+      continue;
+    }
+    report.warn("gzip line " + std::to_string(g.number) + " for " + shown(g.target) +
+                " is not the first complete one for it; devices never fetch it");
+    check_unpacked(g, entry->second, "gzip line " + std::to_string(g.number) + " for " + g.target, nullptr);
+  }
+
+  // Directories the release owns: those of its own overlay files below the overlay areas
+  // (not an area itself). A file that stood at a link's path before the update is put
+  // back by no rollback: the journal only knows that something was there, and puts the
+  // link back. Inside a directory the release owns, that file was the release's own.
+  std::vector<std::string> owned;
+  for (const std::string& t : targets) {
+    if (t[0] != '/') continue;
+    std::string dir = t.substr(0, t.rfind('/'));
+    bool area = false;
+    for (const char* a : {ota::kAppsArea, ota::kEtcArea, ota::kShareArea, ota::kLibArea}) {
+      area = area || dir + "/" == a;
+    }
+    if (!area) owned.push_back(dir + "/");
+  }
   std::vector<LinkEntry> links;
+  std::set<std::string> link_paths;
   for (std::size_t i = 0;; ++i) {
-    auto at = find_line(text, "syslink\t", i);
+    auto at = find_line(text, ota::kLinkTag, i);
     if (!at) break;
     Field p = field(*at, 0, limits::kTargetKept, "link path");
     Field t = field(*at, 1, limits::kTargetKept, "link target");
@@ -405,8 +481,24 @@ void Checker::check_system() {
       report.problem("link " + shown(p.value) + " -> " + shown(t.value) + " is refused by devices: " + problem);
       continue;
     }
+    if (std::find(targets.begin(), targets.end(), p.value) != targets.end()) {
+      report.problem("link path " + shown(p.value) +
+                     " is also an overlay target of this release; devices put the file there and then the link "
+                     "over it, and a rollback deletes the restored file again");
+      continue;
+    }
+    if (!link_paths.insert(p.value).second) {
+      report.warn("link path " + shown(p.value) + " is given twice; devices keep the link of the last line");
+    }
     links.push_back({p.value, t.value});
     report.info("link " + p.value + " -> " + t.value);
+    bool in_owned = false;
+    for (const std::string& d : owned) in_owned = in_owned || p.value.compare(0, d.size(), d) == 0;
+    if (!in_owned) {
+      report.warn("link " + p.value + " -> " + t.value +
+                  ": a file at this path is lost if the update is rolled back (a rollback leaves the link where "
+                  "the file stood)");
+    }
   }
   try {
     std::size_t journal = check_overlay_journal(targets, links);
@@ -431,6 +523,15 @@ int check_command(int argc, char** argv) {
   PublicKey trusted = load_public_key(args.required("--trusted"));
   std::optional<PublicKey> spare;
   if (auto s = args.get("--spare")) spare = load_public_key(*s);
+  // Keys a device would be given: whatever else the source holds, a weak one is a problem.
+  if (std::string problem = public_key_problem(trusted); !problem.empty()) {
+    c.report.problem("trusted key " + hex_lower(trusted.data(), trusted.size()) + " " + problem);
+  }
+  if (spare) {
+    if (std::string problem = public_key_problem(*spare); !problem.empty()) {
+      c.report.problem("spare key " + hex_lower(spare->data(), spare->size()) + " " + problem);
+    }
+  }
   std::uint64_t generation = 0;
   if (auto g = args.get("--generation")) generation = parse_number(*g, "key generation", limits::kStoredNumberMax);
 
@@ -459,10 +560,24 @@ int check_command(int argc, char** argv) {
   if (walk.broken) {
     c.report.problem("KEY CHANGE: the chain is BROKEN after generation " + std::to_string(walk.generation));
   }
-  if (verify_signature(walk.key, catalog->data(), catalog->size(), sig->data())) {
+  for (const auto& [reached, key] : walk.keys) {
+    if (std::string problem = public_key_problem(key); !problem.empty()) {
+      c.report.problem("the key of generation " + std::to_string(reached) + " " + hex_lower(key.data(), key.size()) +
+                       " " + problem);
+    }
+  }
+  if (walk.generation > limits::kStoredNumberMax) {
+    c.report.problem("key generation " + std::to_string(walk.generation) +
+                     " does not fit the eight digits a device stores; it would go back after the next catalog");
+  }
+  // The device's own verifier decides, as it does on the device.
+  auto device_verifies = [&](const PublicKey& key) {
+    return ota::ed25519_verify(key.data(), catalog->data(), catalog->size(), sig->data()) == 1;
+  };
+  if (device_verifies(walk.key)) {
     c.catalog_key = walk.key;
     c.report.info("signature ok with the key of generation " + std::to_string(walk.generation));
-  } else if (spare && verify_signature(*spare, catalog->data(), catalog->size(), sig->data())) {
+  } else if (spare && device_verifies(*spare)) {
     c.catalog_key = *spare;
     c.report.info("signature ok, checked with the SPARE KEY");
   } else {
@@ -480,8 +595,19 @@ int check_command(int argc, char** argv) {
   for (std::size_t i = 0;; ++i) {
     auto at = find_line(c.text, "gesperrt\t", i);
     if (!at) break;
-    Field f = c.field(*at, 0, limits::kFassungField, "blocked version");
-    if (f.present) blocked.push_back(f.value);
+    Field f = c.field(*at, 0, limits::kBlockedField, "blocked version");
+    if (!f.present) continue;
+    blocked.push_back(f.value);
+    // A device stores the number it reads, modulo 10^8: anything else would block another
+    // version than the one meant.
+    if (!is_plain_number(f.value)) {
+      c.report.warn("blocked version " + shown(f.value) + " is not a plain number; a device blocks " +
+                    std::to_string(device_decimal(f.value)));
+    }
+    if (device_decimal(f.value) > limits::kStoredNumberMax) {
+      c.report.problem("blocked version " + f.value + " does not fit the eight digits a device stores; it would block " +
+                       std::to_string(device_decimal(f.value) % ota::kStoredNumberModulus));
+    }
   }
   if (!blocked.empty()) {
     std::string list;

@@ -1,15 +1,20 @@
 #include "key_chain.h"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 
 #include "catalog_text.h"
 #include "limits.h"
+#include "rules.h"
+#include "trust/catalog_text.h"
+#include "trust/ed25519.h"
+#include "trust/keys.h"
 
 namespace publish {
 
 std::string chain_signed_text(std::uint64_t generation, std::string_view key_field) {
-  return "tavi-schluessel\t" + std::to_string(generation) + "\t" + std::string(key_field);
+  return ota::kChainSignedPrefix + std::to_string(generation) + "\t" + std::string(key_field);
 }
 
 ChainLine make_chain_line(const PrivateKey& signer, const PublicKey& new_key, std::uint64_t generation) {
@@ -19,7 +24,7 @@ ChainLine make_chain_line(const PrivateKey& signer, const PublicKey& new_key, st
   line.key_field = hex_lower(new_key.data(), new_key.size());
   std::string message = chain_signed_text(generation, line.key_field);
   line.signature = signer.sign(reinterpret_cast<const std::uint8_t*>(message.data()), message.size());
-  line.text = "kette\t" + std::to_string(generation) + "\t" + line.key_field + "\t" +
+  line.text = ota::kChainTag + std::to_string(generation) + "\t" + line.key_field + "\t" +
               hex_lower(line.signature.data(), line.signature.size()) + "\n";
   return line;
 }
@@ -37,9 +42,11 @@ std::vector<ChainLine> read_chain_file(const std::string& path) {
     std::string_view line(text.data() + pos, lf - pos);
     pos = lf + 1;
     if (line.empty()) continue;
-    if (line.substr(0, 6) != "kette\t") throw Error(where + " is not a key-change line (\"kette\" TAB ...)");
+    if (line.substr(0, ota::text_length(ota::kChainTag)) != ota::kChainTag) {
+      throw Error(where + " is not a key-change line (\"kette\" TAB ...)");
+    }
     std::vector<std::string_view> fields;
-    std::size_t start = 6;
+    std::size_t start = ota::text_length(ota::kChainTag);
     for (;;) {
       std::size_t tab = line.find('\t', start);
       fields.push_back(line.substr(start, tab == std::string_view::npos ? std::string_view::npos : tab - start));
@@ -78,6 +85,11 @@ std::vector<ChainLine> check_chain_lines(const std::vector<ChainLine>& lines, co
       throw Error("two different key changes for generation " + std::to_string(line.generation) +
                   "; a device would take only the first one it finds");
     }
+    std::string problem = public_key_problem(line.key);
+    if (!problem.empty()) {
+      throw Error("the key change to generation " + std::to_string(line.generation) + " introduces a key that " +
+                  problem);
+    }
     by_generation[line.generation] = kept.size();
     kept.push_back(line);
   }
@@ -95,8 +107,9 @@ std::vector<ChainLine> check_chain_lines(const std::vector<ChainLine>& lines, co
     const ChainLine& before = kept[by_generation[g - 1]];
     std::string message = chain_signed_text(g, step.key_field);
     auto bytes = reinterpret_cast<const std::uint8_t*>(message.data());
-    bool ok = verify_signature(before.key, bytes, message.size(), step.signature.data()) ||
-              (spare && verify_signature(*spare, bytes, message.size(), step.signature.data()));
+    // The device's own verifier: a step must pass exactly the check a device makes.
+    bool ok = ota::ed25519_verify(before.key.data(), bytes, message.size(), step.signature.data()) ||
+              (spare && ota::ed25519_verify(spare->data(), bytes, message.size(), step.signature.data()));
     if (!ok) {
       throw Error("the key change to generation " + std::to_string(g) + " is not signed by the key of generation " +
                   std::to_string(g - 1) +
@@ -115,25 +128,45 @@ std::vector<ChainLine> check_chain_lines(const std::vector<ChainLine>& lines, co
 
 ChainWalk walk_key_chain(std::string_view catalog, const PublicKey& trusted, const std::optional<PublicKey>& spare,
                          std::uint64_t generation) {
+  // The verdict is the device's own walk, over the catalog as a device holds it (cut at
+  // its buffer's capacity) and with the trust state a device would have loaded.
+  std::size_t length = std::min(catalog.size(), ota::kCatalogBytes);
+  std::copy(catalog.begin(), catalog.begin() + static_cast<std::ptrdiff_t>(length), ota::catalog.text);
+  ota::hold_catalog_text(length);
+  std::copy(trusted.begin(), trusted.end(), ota::trust.trusted_key);
+  ota::trust.spare_present = spare.has_value();
+  if (spare) std::copy(spare->begin(), spare->end(), ota::trust.spare_key);
+  ota::trust.stored_generation = generation;
+  ota::trust.current_generation = generation;
+  ota::follow_key_chain();
+
   ChainWalk walk;
-  walk.key = trusted;
-  walk.generation = generation;
-  for (std::size_t index = 0;;) {
-    std::optional<std::size_t> at = find_line(catalog, "kette\t", index);
-    if (!at) break;
-    Field gen = line_field(catalog, *at, 0, limits::kChainGenerationField);
-    if (!gen.present || device_decimal(gen.value) != walk.generation + 1) {
-      ++index;
-      continue;
+  std::copy(std::begin(ota::trust.trusted_key), std::end(ota::trust.trusted_key), walk.key.begin());
+  walk.generation = ota::trust.current_generation;
+  walk.broken = ota::trust.chain_broken;
+
+  // The report names each step the walk took and the step it stopped at. A device takes,
+  // for each generation, the first line from the top that announces it, so that is the
+  // line looked at here, with the device's own field reader, hex decoder and verifier.
+  std::string held(ota::catalog.text, length);
+  PublicKey key = trusted;
+  std::uint64_t last = walk.broken ? walk.generation + 1 : walk.generation;
+  for (std::uint64_t next = generation + 1; next <= last; ++next) {
+    std::optional<std::size_t> at;
+    for (std::size_t index = 0;; ++index) {
+      at = find_line(held, ota::kChainTag, index);
+      if (!at) break;
+      Field gen = line_field(held, *at, 0, limits::kChainGenerationField);
+      if (gen.present && device_decimal(gen.value) == next) break;
     }
-    std::uint64_t next = walk.generation + 1;
-    Field key_text = line_field(catalog, *at, 1, limits::kChainKeyField);
-    Field sig_text = line_field(catalog, *at, 2, limits::kChainSignatureField);
-    PublicKey key{};
+    if (!at) break;  // cannot happen: the walk took or refused this generation's line
+    Field key_text = line_field(held, *at, 1, limits::kChainKeyField);
+    Field sig_text = line_field(held, *at, 2, limits::kChainSignatureField);
+    PublicKey new_key{};
     Signature sig{};
-    if (!key_text.present || !sig_text.present || !hex_decode(key_text.value, key.data(), key.size()) ||
-        !hex_decode(sig_text.value, sig.data(), sig.size())) {
-      walk.broken = true;
+    if (!key_text.present || !sig_text.present ||
+        !ota::hex_decode(key_text.value.c_str(), new_key.data(), new_key.size()) ||
+        !ota::hex_decode(sig_text.value.c_str(), sig.data(), sig.size())) {
       walk.steps.push_back("key change to generation " + std::to_string(next) +
                            ": the key or signature is not 64/128 hex digits -- chain BROKEN");
       break;
@@ -141,21 +174,19 @@ ChainWalk walk_key_chain(std::string_view catalog, const PublicKey& trusted, con
     std::string message = chain_signed_text(next, key_text.value);
     auto bytes = reinterpret_cast<const std::uint8_t*>(message.data());
     std::string by;
-    if (verify_signature(walk.key, bytes, message.size(), sig.data())) {
-      by = "the key of generation " + std::to_string(walk.generation);
-    } else if (spare && verify_signature(*spare, bytes, message.size(), sig.data())) {
+    if (ota::ed25519_verify(key.data(), bytes, message.size(), sig.data())) {
+      by = "the key of generation " + std::to_string(next - 1);
+    } else if (spare && ota::ed25519_verify(spare->data(), bytes, message.size(), sig.data())) {
       by = "the SPARE KEY";
     }
     if (by.empty()) {
-      walk.broken = true;
       walk.steps.push_back("key change to generation " + std::to_string(next) +
                            ": signature not valid under the trusted or spare key -- chain BROKEN");
       break;
     }
     walk.steps.push_back("key change to generation " + std::to_string(next) + " accepted, signed by " + by);
-    walk.key = key;
-    walk.generation = next;
-    index = 0;
+    walk.keys.push_back({next, new_key});
+    key = new_key;
   }
   return walk;
 }

@@ -39,6 +39,7 @@ struct ChainWalk {
   std::uint64_t generation = 0;
   bool broken = false;
   std::vector<std::string> steps;  // one line of report per step taken or refused
+  std::vector<std::pair<std::uint64_t, PublicKey>> keys;  // each generation reached, with its key
 };
 
 // The device's walk: from `generation`, look for the next generation's line from the top

@@ -8,6 +8,7 @@
 #include "output.h"
 #include "pkcs11_key.h"
 #include "pkcs11_uri.h"
+#include "rules.h"
 
 namespace publish {
 
@@ -60,6 +61,7 @@ int keygen_command(int argc, char** argv) {
 
   PrivateKey key = PrivateKey::generate();
   PublicKey pub = key.public_key();
+  check_public_key(pub, "new public key");
   std::string pem = key.pem();
   write_file_atomic(key_path, as_bytes(pem), 0600, false, "private key");
   try {

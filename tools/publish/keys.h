@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "device_limits.h"
 #include "util.h"
 
 typedef struct evp_pkey_st EVP_PKEY;
@@ -15,8 +16,8 @@ namespace publish {
 
 class TokenKey;
 
-constexpr std::size_t kPublicKeyBytes = 32;  // what a device holds in /system/schluessel.pub
-constexpr std::size_t kSignatureBytes = 64;  // R then S, stored raw in every .sig file
+constexpr std::size_t kPublicKeyBytes = ota::kPublicKeyBytes;  // what a device holds in /system/schluessel.pub
+constexpr std::size_t kSignatureBytes = ota::kSignatureBytes;  // R then S, stored raw in every .sig file
 
 using PublicKey = std::array<std::uint8_t, kPublicKeyBytes>;
 using Signature = std::array<std::uint8_t, kSignatureBytes>;

@@ -59,7 +59,10 @@ ReleaseCommon read_release_common(const Args& args) {
     }
     common.extra_lines.push_back(line);
   }
-  if (auto spare = args.get("--spare")) common.spare = load_public_key(*spare);
+  if (auto spare = args.get("--spare")) {
+    common.spare = load_public_key(*spare);
+    check_public_key(*common.spare, "spare key");
+  }
   return common;
 }
 

@@ -1,6 +1,9 @@
 #include "rules.h"
 
 #include "limits.h"
+#include "packages/fetch.h"
+#include "system/overlay.h"
+#include "trust/ed25519.h"
 #include "util.h"
 
 namespace publish {
@@ -15,9 +18,61 @@ bool starts_with(std::string_view s, std::string_view prefix) { return s.substr(
 
 // The device's own target test allows 60 characters; its field reader keeps 59, which the
 // caller checks separately so the message can say which of the two was hit.
-constexpr std::size_t kTargetRuleMax = 60;
+constexpr std::size_t kTargetRuleMax = ota::kTargetLongest;
+
+bool has_zero_byte(std::string_view s) { return s.find('\0') != std::string_view::npos; }
 
 }  // namespace
+
+std::string target_rule_problem(std::string_view target) {
+  if (target.empty()) return "it is empty";
+  if (target[0] != '/') {
+    if (target.size() > kTargetRuleMax) return "a program name is at most 60 characters";
+    if (target[0] == '.') return "a program name must not start with \".\"";
+    for (char c : target) {
+      if (!is_name_char(c)) return "a program name holds only letters, digits, \".\", \"-\" and \"_\"";
+    }
+    return "";
+  }
+  if (target.size() < limits::kTargetMin || target.size() > kTargetRuleMax) {
+    return "an absolute path is 6 to 60 characters";
+  }
+  if (!starts_with(target, ota::kAppsArea) && !starts_with(target, ota::kEtcArea) &&
+      !starts_with(target, ota::kShareArea) && !starts_with(target, ota::kLibArea)) {
+    return "an absolute path must begin with /apps/, /etc/, /usr/share/ or /lib/ (programs in /bin are "
+           "named by their bare name)";
+  }
+  for (char c : target) {
+    if (!is_name_char(c) && c != '/')
+      return "an absolute path holds only letters, digits, \".\", \"-\", \"_\" and \"/\"";
+  }
+  if (target.find("..") != std::string_view::npos) return "an absolute path must not contain \"..\"";
+  if (target.find("//") != std::string_view::npos) return "an absolute path must not contain \"//\"";
+  if (target.back() == '/') return "an absolute path must not end with \"/\"";
+  return "";
+}
+
+
+std::string public_key_problem(const PublicKey& key) {
+  switch (ota::ed25519_key_problem(key.data())) {
+    case ota::kKeyUsable:
+      return "";
+    case ota::kKeyNotCanonical:
+      return "is not a canonical encoding (its y is 2^255 - 19 or more); devices refuse every signature under it";
+    case ota::kKeyNotOnCurve:
+      return "is not a point of the curve; devices refuse every signature under it";
+    case ota::kKeyZeroXSigned:
+      return "encodes x = 0 with the sign bit set; devices refuse every signature under it";
+    default:
+      return "is a point of small order; devices check signatures without the cofactor, so anyone could forge "
+             "signatures under it (under the identity key R = B, S = 1 passes for every catalog)";
+  }
+}
+
+void check_public_key(const PublicKey& key, const std::string& what) {
+  std::string problem = public_key_problem(key);
+  if (!problem.empty()) throw Error(what + " " + hex_lower(key.data(), key.size()) + " " + problem);
+}
 
 void check_field_text(std::string_view value, const std::string& what) {
   if (value.empty()) throw Error(what + " is empty; a device reads an empty field as missing");
@@ -48,62 +103,77 @@ void check_download_name(std::string_view name, std::size_t max, const std::stri
     }
   }
   if (name[0] == '.') throw Error(what + " " + shown(name) + " must not start with \".\"");
+  // The device's own test for a name it fetches (`ota fetch` refuses what fails it).
+  if (!ota::fetchable_name(std::string(name).c_str())) {
+    throw Error(what + " " + shown(name) + " must not contain \"..\" (it could climb out of the download directory)");
+  }
   if (name == "VERZEICHNIS" || name == "VERZEICHNIS.sig" || name == "INDEX" || name == "INDEX.sig") {
     throw Error(what + " " + shown(name) + " is the name of one of the source's own files");
   }
 }
 
-void check_commit(std::string_view commit) {
-  check_field_text(commit, "commit");
-  check_field_length(commit, limits::kCommitMax, "commit");
+std::string commit_problem(std::string_view commit) {
+  try {
+    // A CR would end the commit early for whoever reads /system/sys.stand, a zero byte
+    // would end it early on the device itself; TAB and LF end the field.
+    check_field_text(commit, "commit");
+    check_field_length(commit, limits::kCommitMax, "commit");
+  } catch (const Error& e) {
+    return e.what();
+  }
   for (char c : commit) {
-    if (c == ' ') throw Error("commit " + shown(commit) + " contains a blank");
+    if (c == ' ') return "commit " + shown(commit) + " contains a blank";
   }
   if (commit.size() < limits::kCommitMin) {
-    throw Error("commit " + shown(commit) + " is " + std::to_string(commit.size()) +
-                " characters; at least 7 are needed, since a device recognises the running kernel by the "
-                "first seven");
+    return "commit " + shown(commit) + " is " + std::to_string(commit.size()) +
+           " characters; at least 7 are needed, since a device recognises the running kernel by the first seven";
   }
+  // The device writes the commit into /system/SYSPENDING between the build and the
+  // kernel's hash, and reads each key back at its first place anywhere in the record. A
+  // "sha=" in the commit comes before the real one: the hash would be read from the
+  // commit, never match the kernel, and the update would stay pending for good. The keys
+  // "count=" and "commit=" are harmless there, since their real places come first.
+  if (commit.find(ota::kPendingShaKey) != std::string_view::npos) {
+    return "commit " + shown(commit) + " contains \"" + ota::kPendingShaKey +
+           "\"; a device finds the keys of /system/SYSPENDING anywhere in the record, would read the kernel's "
+           "hash from the commit and could never promote the update";
+  }
+  return "";
+}
+
+void check_commit(std::string_view commit) {
+  std::string problem = commit_problem(commit);
+  if (!problem.empty()) throw Error(problem);
 }
 
 std::string target_problem(std::string_view target) {
-  if (target.empty()) return "it is empty";
-  if (target[0] != '/') {
-    if (target.size() > kTargetRuleMax) return "a program name is at most 60 characters";
-    if (target[0] == '.') return "a program name must not start with \".\"";
-    for (char c : target) {
-      if (!is_name_char(c)) return "a program name holds only letters, digits, \".\", \"-\" and \"_\"";
-    }
-    return "";
+  std::string reason = target_rule_problem(target);
+  // A zero byte would end the target early on the device: it would be installed at a
+  // different path. The words above already refuse it; the device's test sees only the
+  // text before it.
+  if (has_zero_byte(target)) return reason;
+  if (ota::valid_target(std::string(target).c_str())) return "";
+  return reason.empty() ? "devices refuse it" : reason;
+}
+
+std::string link_rule_problem(std::string_view path, std::string_view target) {
+  if (path.empty() || path[0] != '/') return "the link path must be an absolute path";
+  if (std::string problem = target_rule_problem(path); !problem.empty()) return "link path: " + problem;
+  constexpr std::size_t kDirLength = ota::text_length(ota::kProgramDirectory);
+  if (!starts_with(target, ota::kProgramDirectory) || target.size() == kDirLength || target[kDirLength] == '/') {
+    return "the link target must be /bin/ followed by a program name";
   }
-  if (target.size() < limits::kTargetMin || target.size() > kTargetRuleMax) {
-    return "an absolute path is 6 to 60 characters";
+  if (std::string problem = target_rule_problem(target.substr(kDirLength)); !problem.empty()) {
+    return "link target: " + problem;
   }
-  if (!starts_with(target, "/apps/") && !starts_with(target, "/etc/") && !starts_with(target, "/usr/share/") &&
-      !starts_with(target, "/lib/")) {
-    return "an absolute path must begin with /apps/, /etc/, /usr/share/ or /lib/ (programs in /bin are "
-           "named by their bare name)";
-  }
-  for (char c : target) {
-    if (!is_name_char(c) && c != '/')
-      return "an absolute path holds only letters, digits, \".\", \"-\", \"_\" and \"/\"";
-  }
-  if (target.find("..") != std::string_view::npos) return "an absolute path must not contain \"..\"";
-  if (target.find("//") != std::string_view::npos) return "an absolute path must not contain \"//\"";
-  if (target.back() == '/') return "an absolute path must not end with \"/\"";
   return "";
 }
 
 std::string link_problem(std::string_view path, std::string_view target) {
-  if (path.empty() || path[0] != '/') return "the link path must be an absolute path";
-  std::string problem = target_problem(path);
-  if (!problem.empty()) return "link path: " + problem;
-  if (!starts_with(target, "/bin/")) return "the link target must be /bin/ followed by a program name";
-  std::string_view name = target.substr(5);
-  if (name.empty() || name[0] == '/') return "the link target must be /bin/ followed by a program name";
-  problem = target_problem(name);
-  if (!problem.empty()) return "link target: " + problem;
-  return "";
+  std::string reason = link_rule_problem(path, target);
+  if (has_zero_byte(path) || has_zero_byte(target)) return reason;
+  if (ota::valid_link(std::string(path).c_str(), std::string(target).c_str())) return "";
+  return reason.empty() ? "devices refuse it" : reason;
 }
 
 std::size_t check_overlay_journal(const std::vector<std::string>& file_targets, const std::vector<LinkEntry>& links) {

@@ -20,9 +20,11 @@ namespace {
 const char* kBootDisks[] = {"sda1", "nvme01", "hda1"};
 
 constexpr const char* kTrialRecord = "/system/ERPROBUNG";
-constexpr size_t kTrialRecordBytes = 36;
-constexpr size_t kStartCountDigits = 28;  // bytes 28-29 hold the start count "v=NN"
-constexpr size_t kOkDigit = 34;
+// The trial record's layout is the device's own (device_limits.h); bytes 28-29 hold the
+// start count "v=NN".
+constexpr size_t kTrialRecordBytes = ota::kTrialRecordBytes;
+constexpr size_t kStartCountDigits = ota::kTrialStartCountOffset;
+constexpr size_t kOkDigit = ota::kTrialOkOffset;
 
 constexpr const char* kFirmwareFile = "/firmware.state";
 

@@ -305,6 +305,11 @@ Config parse_config(std::string_view text, const std::string& origin) {
       uint64_t code = u64_at(2, "exit code");
       if (code == 0 || code > 255) throw bad("exit code must be 1 to 255: " + w[2]);
       c.tpk_fail[w[1]] = static_cast<int>(code);
+    } else if (key == "tpk-index") {
+      need(1, 1);
+      if (w[1] == "signed") c.tpk_index_signed = true;
+      else if (w[1] == "trusted") c.tpk_index_signed = false;
+      else throw bad("must be signed or trusted: " + w[1]);
     } else if (key == "tpk-catalog") {
       if (w.size() < 2) throw bad("needs a host file");
       c.tpk_catalog_file = rest_after(line, 1);
@@ -374,6 +379,7 @@ std::string format_config(const Config& c) {
   }
   for (auto& [use, code] : c.tpk_fail) o << "tpk-fail " << use << " " << code << "\n";
   if (!c.tpk_catalog_file.empty()) o << "tpk-catalog " << c.tpk_catalog_file << "\n";
+  if (!c.tpk_index_signed) o << "tpk-index trusted\n";
   if (c.sntp_fail) o << "sntp-fail " << c.sntp_fail << "\n";
   if (c.rootsctl_fail) o << "rootsctl-fail " << c.rootsctl_fail << "\n";
   o << "boot-tries " << c.boot_tries << "\n";

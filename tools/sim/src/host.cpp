@@ -164,6 +164,20 @@ uint64_t tree_bytes(const std::string& base) {
   return total;
 }
 
+bool ed25519_verifies(std::string_view key, std::string_view message, std::string_view sig) {
+  if (key.size() != 32 || sig.size() != 64) return false;
+  EVP_PKEY* pkey = EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr,
+                                               reinterpret_cast<const unsigned char*>(key.data()), key.size());
+  if (pkey == nullptr) return false;
+  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+  bool ok = ctx != nullptr && EVP_DigestVerifyInit(ctx, nullptr, nullptr, nullptr, pkey) == 1 &&
+            EVP_DigestVerify(ctx, reinterpret_cast<const unsigned char*>(sig.data()), sig.size(),
+                             reinterpret_cast<const unsigned char*>(message.data()), message.size()) == 1;
+  EVP_MD_CTX_free(ctx);
+  EVP_PKEY_free(pkey);
+  return ok;
+}
+
 std::string sha256_hex(std::string_view data) {
   unsigned char md[32];
   unsigned int len = 0;

@@ -39,6 +39,9 @@ TreeListing list_tree(const std::string& base, const std::vector<std::string>& s
 uint64_t tree_bytes(const std::string& base);
 
 std::string sha256_hex(std::string_view data);
+// Whether sig (64 bytes) is an Ed25519 signature of message under key (32 bytes), by
+// libcrypto.
+bool ed25519_verifies(std::string_view key, std::string_view message, std::string_view sig);
 
 // Runs a helper program to its end. argv[0] is looked up in PATH. Output is captured
 // when the pointers are given, otherwise discarded. Returns the exit code, or -1 when

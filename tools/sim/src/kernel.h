@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "device_limits.h"
 #include "esp_mount.h"
 #include "rootfs.h"
 #include "tavisim/boot.h"
@@ -32,7 +33,8 @@ namespace tavisim {
 // Process ids the kernel hands out for started outside programs and uses for configured
 // tasks lie above Linux's largest possible pid (4194304), so they never meet a real one.
 constexpr int64_t kSpawnIdBase = 6000000;
-constexpr int kTaskSlots = 128;
+// The kernel has as many task slots as the device program walks.
+constexpr int kTaskSlots = static_cast<int>(ota::kTaskSlots);
 
 struct KernelState {
   int64_t clock_ns = 0;  // virtual time since the configured clock start

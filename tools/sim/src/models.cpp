@@ -129,9 +129,32 @@ constexpr const char* kTpkState = "/system/tpk";
 constexpr const char* kTpkInstalled = "/system/tpk/installed";
 constexpr const char* kTrialRecord = "/system/ERPROBUNG";
 constexpr const char* kGeneration = "/system/AKTUELL";
-// A trial record is exactly this long; byte 34 is its ok digit.
-constexpr size_t kTrialRecordBytes = 36;
-constexpr size_t kTrialOkDigit = 34;
+// A trial record is exactly this long (the device's own layout); byte 34 is its ok digit.
+constexpr size_t kTrialRecordBytes = ota::kTrialRecordBytes;
+constexpr size_t kTrialOkDigit = ota::kTrialOkOffset;
+// The keys a device trusts, as it keeps them: the first 32 bytes of each file count.
+constexpr const char* kTrustedKeyFile = "/system/schluessel.pub";
+constexpr const char* kSpareKeyFile = "/system/ersatz.pub";
+constexpr size_t kKeyBytes = ota::kPublicKeyBytes;
+constexpr size_t kSignatureBytes = ota::kSignatureBytes;
+// Exit code of `catalog` and `update` when INDEX.sig is not a signature of INDEX by one of
+// those keys.
+constexpr int kIndexNotSigned = 5;
+
+// Whether DIR/INDEX.sig signs the INDEX text with the device's trusted key or its spare
+// key. A real installer checks this before it believes a word of the index: an index
+// changed on the way would otherwise make it report packages current, or install what
+// nobody signed.
+bool index_signed(const RootFs& fs, const std::string& dir, const std::string& index) {
+  auto sig = fs.read(dir + "/INDEX.sig");
+  if (!sig || sig->size() < kSignatureBytes) return false;
+  for (const char* path : {kTrustedKeyFile, kSpareKeyFile}) {
+    auto key = fs.read(path);
+    if (!key || key->size() < kKeyBytes) continue;
+    if (ed25519_verifies(key->substr(0, kKeyBytes), index, sig->substr(0, kSignatureBytes))) return true;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -299,7 +322,6 @@ int Kernel::model_fetch(Tracee& t, const std::vector<std::string>& words) {
 }
 
 int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
-  (void)t;
   std::string verb = w.size() > 1 ? w[1] : "";
   auto configured_failure = [&](const std::string& use) {
     auto it = cfg_.tpk_fail.find(use);
@@ -318,6 +340,10 @@ int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
     }
     auto index = fs_->read(w[2] + "/INDEX");
     if (!index) return 1;
+    if (cfg_.tpk_index_signed && !index_signed(*fs_, w[2], *index)) {
+      log("tpk", t.pid, {"index-refused", w[2] + "/INDEX"});
+      return kIndexNotSigned;
+    }
     auto have = installed();
     std::string out;
     for (auto& e : parse_index(*index)) {
@@ -338,6 +364,10 @@ int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
       if (w[i] == "--source") source = w[i + 1];
     auto index = fs_->read(source + "/INDEX");
     if (!index) return 2;
+    if (cfg_.tpk_index_signed && !index_signed(*fs_, source, *index)) {
+      log("tpk", t.pid, {"index-refused", source + "/INDEX"});
+      return kIndexNotSigned;
+    }
     const IndexEntry* entry = nullptr;
     auto entries = parse_index(*index);
     for (auto& e : entries)

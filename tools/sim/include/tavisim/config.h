@@ -115,6 +115,9 @@ struct Config {
   // "rebuild", or "update:NAME" for one package), and an exact CATALOG text.
   std::map<std::string, int> tpk_fail;
   std::string tpk_catalog_file;  // host file whose bytes become CATALOG
+  // `catalog` and `update` believe INDEX only when INDEX.sig verifies with the device's
+  // trusted or spare key; false keeps the older model that checks no signature.
+  bool tpk_index_signed = true;
   int sntp_fail = 0;
   int rootsctl_fail = 0;
 
