@@ -16,24 +16,24 @@ u64 kernel_grow(u64 operation, u64 argument) { return sys_fs_grow(operation, arg
 }  // namespace
 
 void grow_report_with(GrowCall grow) {
-  say_number("grow: state ", grow(kGrowQuery, kGrowQueryState));
-  say_number("grow: fs blocks ", grow(kGrowQuery, kGrowQueryFsBlocks));
-  say_number("grow: device blocks ", grow(kGrowQuery, kGrowQueryDeviceBlocks));
-  say_number("grow: inodes ", grow(kGrowQuery, kGrowQueryInodes));
-  say_number("grow: ext inodes ", grow(kGrowQuery, kGrowQueryExtInodes));
+  say_number("grow: state ", grow(TAVI_GROW_QUERY, TAVI_GROW_STATE));
+  say_number("grow: fs blocks ", grow(TAVI_GROW_QUERY, TAVI_GROW_FS_BLOCKS));
+  say_number("grow: device blocks ", grow(TAVI_GROW_QUERY, TAVI_GROW_DEVICE_BLOCKS));
+  say_number("grow: inodes ", grow(TAVI_GROW_QUERY, TAVI_GROW_INODES));
+  say_number("grow: ext inodes ", grow(TAVI_GROW_QUERY, TAVI_GROW_EXT_INODES));
 }
 
 // "grow: not possible" and "grow: failed " are failures and go to standard error through
 // fail, as every failure line of the program does; progress, "grow: done" and the report
 // go to standard output. In the background both streams end up in the log.
 int grow_run_with(GrowCall grow) {
-  u64 state = grow(kGrowQuery, kGrowQueryState);
-  if (state == kGrowStateDone) {
+  u64 state = grow(TAVI_GROW_QUERY, TAVI_GROW_STATE);
+  if (state == TAVI_GROW_DONE) {
     say_text("grow: done", "");
     grow_report_with(grow);
     return 0;
   }
-  if (state == kGrowStateImpossible) {
+  if (state == TAVI_GROW_IMPOSSIBLE) {
     fail("grow: not possible", nullptr);
     grow_report_with(grow);
     return 1;
@@ -42,14 +42,14 @@ int grow_run_with(GrowCall grow) {
   // is taken up again by the next run.
   u64 last_tenth = kNoTenthYet;
   for (;;) {
-    u64 result = grow(kGrowStep, kGrowStepUnits);
-    if (result == kGrowStepFinished) {
+    u64 result = grow(TAVI_GROW_STEP, kGrowStepUnits);
+    if (result == TAVI_GROW_FINISHED) {
       say_text("grow: done", "");
       grow_report_with(grow);
       return 0;
     }
-    if (result != kGrowStepMore) return fail_number("grow: failed ", result);
-    u64 tenth = grow(kGrowQuery, kGrowQueryPermille) / 100;
+    if (result != TAVI_GROW_MORE) return fail_number("grow: failed ", result);
+    u64 tenth = grow(TAVI_GROW_QUERY, TAVI_GROW_PERMILLE) / 100;
     if (tenth != last_tenth) {
       say_number("grow: permille ", tenth * 100);
       last_tenth = tenth;

@@ -6,23 +6,10 @@
 
 namespace ota {
 
-// Operations and arguments of the kernel's grow call.
-constexpr u64 kGrowQuery = 15;
-constexpr u64 kGrowStep = 16;
-constexpr u64 kGrowQueryState = 0;
-constexpr u64 kGrowQueryPermille = 1;
-constexpr u64 kGrowQueryFsBlocks = 2;
-constexpr u64 kGrowQueryDeviceBlocks = 3;
-constexpr u64 kGrowQueryInodes = 4;
-constexpr u64 kGrowQueryExtInodes = 6;
-// Units of work the kernel may do in one step.
+// The kernel's grow call, its operations, selectors and answers are in tavi_abi.h. Each
+// step asks for at most this many units of work, so that progress can be reported
+// between steps.
 constexpr u64 kGrowStepUnits = 256;
-// States of the query: growth impossible, and already at the device's size.
-constexpr u64 kGrowStateImpossible = 0;
-constexpr u64 kGrowStateDone = 3;
-// Results of a step: more to do, and finished; anything else is the kernel's failure code.
-constexpr u64 kGrowStepMore = 0;
-constexpr u64 kGrowStepFinished = 1;
 
 constexpr const char* kGrowLogPath = "/tmp/fsgrow.log";
 

@@ -104,8 +104,8 @@ int apply_packages() {
     return 0;
   }
 
-  u64 block_size = sys_system_info(kInfoBlockSize);
-  u64 space = sys_system_info(kInfoFreeBlocks) * block_size;
+  u64 block_size = sys_system_info(TAVI_INFO_BLOCK_SIZE);
+  u64 space = sys_system_info(TAVI_INFO_FREE_BLOCKS) * block_size;
   u64 needed = max + sum + kSpareRoom + sum / 8;
   say_number("ota: space ", space);
   say_number("ota: needed ", needed);
@@ -132,7 +132,7 @@ int apply_packages() {
   if (fetch_to_work("INDEX.sig") != 0) return fail("ota: cannot fetch: ", "INDEX.sig");
 
   // The files are on disk now; what the installer needs beside them must still be free.
-  space = sys_system_info(kInfoFreeBlocks) * block_size;
+  space = sys_system_info(TAVI_INFO_FREE_BLOCKS) * block_size;
   if (space < sum / 8 + max + kSpareRoom) return not_enough_space();
 
   for (u64 i = 0;; i++) {

@@ -10,15 +10,15 @@ u64 offered_version = 0;
 bool catalog_fetch_failed = false;
 
 usize append_clock_text(char* dst, usize len) {
-  len += format_decimal(sys_system_info(kInfoYear), dst + len, 0);
+  len += format_decimal(sys_system_info(TAVI_INFO_YEAR), dst + len, 0);
   len = str_append_char(dst, len, '-');
-  len = str_append_two_digits(dst, sys_system_info(kInfoMonth));
+  len = str_append_two_digits(dst, sys_system_info(TAVI_INFO_MONTH));
   len = str_append_char(dst, len, '-');
-  len = str_append_two_digits(dst, sys_system_info(kInfoDay));
+  len = str_append_two_digits(dst, sys_system_info(TAVI_INFO_DAY));
   len = str_append_char(dst, len, ' ');
-  len = str_append_two_digits(dst, sys_system_info(kInfoHour));
+  len = str_append_two_digits(dst, sys_system_info(TAVI_INFO_HOUR));
   len = str_append_char(dst, len, ':');
-  return str_append_two_digits(dst, sys_system_info(kInfoMinute));
+  return str_append_two_digits(dst, sys_system_info(TAVI_INFO_MINUTE));
 }
 
 void write_update_state(const char* phase) {

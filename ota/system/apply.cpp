@@ -161,7 +161,7 @@ int system_apply(bool restart) {
   if (system_background) write_apply_state("state=done\n");
   sys_sync();
   sleep_ms(500);
-  sys_reboot(kRebootRestart);
+  sys_reboot(TAVI_RESTART);
   return 0;
 }
 

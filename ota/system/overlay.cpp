@@ -187,7 +187,7 @@ bool stage_overlay_files() {
   u64 sum = 0;
   for (u64 i = 0; file_entry(i, &entry); i++) sum += entry.size;
   if (sum != 0) {
-    u64 space = sys_system_info(kInfoFreeBlocks) * sys_system_info(kInfoBlockSize);
+    u64 space = sys_system_info(TAVI_INFO_FREE_BLOCKS) * sys_system_info(TAVI_INFO_BLOCK_SIZE);
     if (space < 2 * sum + kSpareRoom) {
       fail("ota: not enough free space for the overlay files", nullptr);
       return false;

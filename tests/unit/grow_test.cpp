@@ -27,18 +27,18 @@ FakeGrow fake;
 
 u64 fake_grow(u64 operation, u64 argument) {
   fake.calls.push_back({operation, argument});
-  if (operation == kGrowStep) {
-    EXPECT_EQ(argument, 256u);
+  if (operation == TAVI_GROW_STEP) {
+    EXPECT_EQ(argument, ota::kGrowStepUnits);
     return fake.step_calls < fake.steps.size() ? fake.steps[fake.step_calls++] : 1;
   }
-  EXPECT_EQ(operation, 15u);
+  EXPECT_EQ(operation, static_cast<u64>(TAVI_GROW_QUERY));
   switch (argument) {
-    case 0: return fake.state;
-    case 1: return fake.progress_calls < fake.progress.size() ? fake.progress[fake.progress_calls++] : 999;
-    case 2: return 1000;
-    case 3: return 4096;
-    case 4: return 256;
-    case 6: return 7;
+    case TAVI_GROW_STATE: return fake.state;
+    case TAVI_GROW_PERMILLE: return fake.progress_calls < fake.progress.size() ? fake.progress[fake.progress_calls++] : 999;
+    case TAVI_GROW_FS_BLOCKS: return 1000;
+    case TAVI_GROW_DEVICE_BLOCKS: return 4096;
+    case TAVI_GROW_INODES: return 256;
+    case TAVI_GROW_EXT_INODES: return 7;
   }
   ADD_FAILURE() << "unexpected query " << argument;
   return 0;
