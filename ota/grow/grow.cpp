@@ -1,6 +1,5 @@
 #include "grow/grow.h"
 
-#include "cli/args.h"
 #include "runtime/process.h"
 #include "runtime/text.h"
 
@@ -71,7 +70,7 @@ int grow_in_background() {
   return grow_run();
 }
 
-int grow_command(const u64* block, u64 count, u64 first) {
+int grow_command(ArgBlock block, u64 count, u64 first) {
   const char* word = first < count ? arg_word(block, first) : nullptr;
   if (word != nullptr && str_equal(word, "status")) {
     grow_report();

@@ -2,7 +2,7 @@
 // Growing the root file system to the size of its device. The kernel does the work; the
 // program asks for it step by step, reports progress and words the outcome.
 
-#include "runtime/syscall.h"
+#include "runtime/args.h"
 
 namespace ota {
 
@@ -14,7 +14,7 @@ constexpr u64 kGrowStepUnits = 256;
 constexpr const char* kGrowLogPath = "/tmp/fsgrow.log";
 
 // `ota system grow [status | bg]`: first is the index of the word after "grow".
-int grow_command(const u64* block, u64 count, u64 first);
+int grow_command(ArgBlock block, u64 count, u64 first);
 // The five state lines on standard output.
 void grow_report();
 // 0 when the file system is grown (or already was), 1 when it cannot be or a step failed.

@@ -1,4 +1,5 @@
-#include "cli/commands.h"
+#include "system/system_command.h"
+
 #include "grow/grow.h"
 #include "runtime/text.h"
 #include "system/apply.h"

@@ -1,4 +1,3 @@
-#include "cli/args.h"
 #include "config/settings.h"
 #include "packages/apply.h"
 #include "packages/fetch.h"
@@ -6,10 +5,12 @@
 #include "records/trial_record.h"
 #include "runtime/process.h"
 #include "runtime/text.h"
-#include "system/status.h"
+#include "system/manifest.h"
 #include "trial/trial.h"
 
 namespace ota {
+
+bool service_with_system = false;
 
 namespace {
 
