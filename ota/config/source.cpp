@@ -5,9 +5,8 @@
 namespace ota {
 
 SourceSettings source_settings;
-bool system_mode = false;
 
-int load_source_settings() {
+int load_source_settings(SourceKind kind) {
   if (!load_settings() || !setting_text("quelle=", source_settings.source, kSourceBytes)) {
     return fail("ota: /etc/ota.conf is missing or names no source", nullptr);
   }
@@ -15,7 +14,7 @@ int load_source_settings() {
   if (setting_text("kanal=", source_settings.channel, kChannelBytes) && !valid_channel(source_settings.channel)) {
     return fail("ota: channel must be stable or test", nullptr);
   }
-  if (system_mode) derive_system_source();
+  if (kind == SourceKind::system) derive_system_source();
   return 0;
 }
 

@@ -5,9 +5,6 @@
 
 namespace ota {
 
-// Set when every package was already current and only the installed version moved.
-extern bool nothing_installed;
-
 int apply_command();
 int apply_packages();
 // 1 when /tmp/ota/<file> holds exactly length bytes with the given SHA-256 (fetching

@@ -12,9 +12,10 @@
 
 namespace ota {
 
-bool nothing_installed = false;
-
 namespace {
+
+// Set when every package was already current and only the installed version moved.
+bool nothing_installed = false;
 
 // How often a package file is fetched before it is given up (four checks in all).
 constexpr int kFetchAttempts = 3;
@@ -67,7 +68,7 @@ int checked_download(const char* file, const char* local, u64 length, const char
 }
 
 int apply_packages() {
-  int r = load_catalog(true);
+  int r = load_catalog(SourceKind::packages, true);
   if (r != 0) return r;
   u64 offered = catalog_version();
   offered_version = offered;

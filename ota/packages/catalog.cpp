@@ -23,9 +23,9 @@ int reject_catalog(const char* msg, const char* extra) {
 
 }  // namespace
 
-int load_catalog(bool verbose) {
+int load_catalog(SourceKind kind, bool verbose) {
   hold_catalog_text(0);
-  if (load_source_settings() != 0) return 1;
+  if (load_source_settings(kind) != 0) return 1;
   load_device_name();
   if (!load_trusted_keys()) return fail("ota: no trusted key -- nothing is done", nullptr);
   if (verbose) {

@@ -2,6 +2,7 @@
 // The signed catalog VERZEICHNIS: fetched, verified, its key changes and blocked versions
 // taken in, and its package lines read. Also the installer's own catalog, CATALOG.
 
+#include "config/source.h"
 #include "device_limits.h"
 #include "runtime/syscall.h"
 
@@ -18,7 +19,7 @@ struct InstallCatalog {
 };
 extern InstallCatalog install_catalog;
 
-int load_catalog(bool verbose);
+int load_catalog(SourceKind kind, bool verbose);
 const char* nth_package_line(u64 n);
 u64 package_count();
 u64 platform_package_count();

@@ -83,7 +83,7 @@ i64 fetch_to_work(const char* name) {
 }
 
 int fetch_command(const char* name, const char* target) {
-  if (load_source_settings() != 0) return 1;
+  if (load_source_settings(SourceKind::packages) != 0) return 1;
   load_device_name();
   if (!fetchable_name(name)) return fail("ota: cannot fetch: ", name);
   make_work_dir();

@@ -12,7 +12,7 @@ namespace ota {
 
 int search_command() {
   catalog_fetch_failed = false;
-  int r = load_catalog(true);
+  int r = load_catalog(SourceKind::packages, true);
   if (r != 0) {
     catalog_fetch_failed = true;
     write_update_state("fehler");

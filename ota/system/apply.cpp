@@ -93,12 +93,12 @@ int apply_without_kernel() {
   return 0;
 }
 
-int system_apply(bool restart) {
+int system_apply(bool restart, bool in_background) {
   if (in_trial() || system_trial_pending()) return give_up("ota: a trial is running or pending, confirm or restart first");
   int r = check_system_update(true);
   if (r != 0) return r;
   if (manifest.unknown_entry) print_out("system: root image entry ignored (module-root layout is stage 2)\n");
-  fetch_system_notes();
+  fetch_system_notes(false);
   update_trust_roots();
 
   char commit7[kCommitBytes + 8];
@@ -158,7 +158,7 @@ int system_apply(bool restart) {
   print_out("system: staged in slot B, restart to install\n");
   if (!restart) return 0;
   print_out("system: restarting\n");
-  if (system_background) write_apply_state("state=done\n");
+  if (in_background) write_apply_state("state=done\n");
   sys_sync();
   sleep_ms(500);
   sys_reboot(TAVI_RESTART);

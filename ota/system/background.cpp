@@ -80,8 +80,7 @@ int apply_in_background(bool restart, bool force) {
   str_append_char(line, len, '\n');
   write_apply_state(line);
   redirect_output(kApplyLogPath);
-  system_background = true;
-  int r = system_apply(restart);
+  int r = system_apply(restart, true);
   write_apply_state(r == 0 ? "state=done\n" : "state=failed\n");
   return r;
 }

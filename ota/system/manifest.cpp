@@ -13,8 +13,6 @@
 namespace ota {
 
 SystemManifest manifest;
-bool system_quiet = false;
-bool system_background = false;
 
 namespace {
 
@@ -71,9 +69,7 @@ int parse_system_manifest() {
 }
 
 int check_system_update(bool verbose) {
-  system_mode = true;
-  int r = load_catalog(verbose);
-  system_mode = false;
+  int r = load_catalog(SourceKind::system, verbose);
   if (r != 0) return r;
   if (parse_system_manifest() != 0) return 1;
   u64 installed = read_number_file(kSystemVersionPath);
@@ -92,7 +88,7 @@ int check_system_update(bool verbose) {
   return 2;
 }
 
-void fetch_system_notes() {
+void fetch_system_notes(bool quiet) {
   const ManifestFile& notes = manifest.notes;
   if (notes.size == 0 || notes.size > kNotesLimit || notes.name[0] == 0) return;
   if (!download_package(notes.name, notes.size, notes.sha)) return;
@@ -102,7 +98,7 @@ void fetch_system_notes() {
   i64 n = read_file(local, text, sizeof text);
   if (n >= 1) {
     replace_file(kSystemNotesPath, text, static_cast<usize>(n));
-    if (!system_quiet) {
+    if (!quiet) {
       print_out("system: changes:\n");
       print_bytes(text, static_cast<usize>(n));
     }
@@ -128,17 +124,16 @@ int system_search() {
   int r = check_system_update(true);
   if (r != 0) return r;
   print_out("system: update available\n");
-  fetch_system_notes();
+  fetch_system_notes(false);
   write_system_status("available");
   return 0;
 }
 
 int system_background_check() {
   if (in_trial() || system_trial_pending()) return 1;
-  system_quiet = true;
   int r = check_system_update(false);
   if (r == 0) {
-    fetch_system_notes();
+    fetch_system_notes(true);
     write_system_status("available");
     if (read_number_file(kSystemNotifiedPath) != manifest.build) {
       char notice[kNoticeBytes];
@@ -149,7 +144,6 @@ int system_background_check() {
       write_number_file(kSystemNotifiedPath, manifest.build);
     }
   }
-  system_quiet = false;
   return r;
 }
 

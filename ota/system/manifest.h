@@ -30,14 +30,10 @@ struct SystemManifest {
 };
 extern SystemManifest manifest;
 
-// Set only during the periodic check: release notes are then kept but not printed.
-extern bool system_quiet;
-// Set in the forked background apply.
-extern bool system_background;
-
 int parse_system_manifest();
 int check_system_update(bool verbose);
-void fetch_system_notes();
+// Quiet (the periodic check) keeps the notes without printing them.
+void fetch_system_notes(bool quiet);
 void write_system_status(const char* phase);
 int system_search();
 int system_background_check();
