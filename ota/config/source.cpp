@@ -6,16 +6,16 @@ namespace ota {
 
 SourceSettings source_settings;
 
-int load_source_settings(SourceKind kind) {
+bool load_source_settings(SourceKind kind) {
   if (!load_settings() || !setting_text("quelle=", source_settings.source, kSourceBytes)) {
-    return fail("ota: /etc/ota.conf is missing or names no source", nullptr);
+    return report_failure("ota: /etc/ota.conf is missing or names no source", nullptr);
   }
   source_settings.channel[0] = 0;
   if (setting_text("kanal=", source_settings.channel, kChannelBytes) && !valid_channel(source_settings.channel)) {
-    return fail("ota: channel must be stable or test", nullptr);
+    return report_failure("ota: channel must be stable or test", nullptr);
   }
   if (kind == SourceKind::system) derive_system_source();
-  return 0;
+  return true;
 }
 
 void load_device_name() {

@@ -25,17 +25,17 @@ void grow_report_with(GrowCall grow) {
 // "grow: not possible" and "grow: failed " are failures and go to standard error through
 // fail, as every failure line of the program does; progress, "grow: done" and the report
 // go to standard output. In the background both streams end up in the log.
-int grow_run_with(GrowCall grow) {
+bool grow_run_with(GrowCall grow) {
   u64 state = grow(TAVI_GROW_QUERY, TAVI_GROW_STATE);
   if (state == TAVI_GROW_DONE) {
     say_text("grow: done", "");
     grow_report_with(grow);
-    return 0;
+    return true;
   }
   if (state == TAVI_GROW_IMPOSSIBLE) {
-    fail("grow: not possible", nullptr);
+    report_failure("grow: not possible", nullptr);
     grow_report_with(grow);
-    return 1;
+    return false;
   }
   // The kernel keeps the growth's state, so there is no limit here: an interrupted growth
   // is taken up again by the next run.
@@ -45,9 +45,9 @@ int grow_run_with(GrowCall grow) {
     if (result == TAVI_GROW_FINISHED) {
       say_text("grow: done", "");
       grow_report_with(grow);
-      return 0;
+      return true;
     }
-    if (result != TAVI_GROW_MORE) return fail_number("grow: failed ", result);
+    if (result != TAVI_GROW_MORE) return report_failure_number("grow: failed ", result);
     u64 tenth = grow(TAVI_GROW_QUERY, TAVI_GROW_PERMILLE) / 100;
     if (tenth != last_tenth) {
       say_number("grow: permille ", tenth * 100);
@@ -58,7 +58,7 @@ int grow_run_with(GrowCall grow) {
 
 void grow_report() { grow_report_with(kernel_grow); }
 
-int grow_run() { return grow_run_with(kernel_grow); }
+bool grow_run() { return grow_run_with(kernel_grow); }
 
 int grow_in_background() {
   i64 pid = go_background(kGrowLogPath);
@@ -67,7 +67,7 @@ int grow_in_background() {
     say_text("grow: started in background", "");
     return 0;
   }
-  return grow_run();
+  return grow_run() ? 0 : 1;
 }
 
 int grow_command(ArgBlock block, u64 count, u64 first) {
@@ -77,7 +77,7 @@ int grow_command(ArgBlock block, u64 count, u64 first) {
     return 0;
   }
   if (word != nullptr && str_equal(word, "bg")) return grow_in_background();
-  return grow_run();
+  return grow_run() ? 0 : 1;
 }
 
 }  // namespace ota

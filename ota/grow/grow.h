@@ -17,8 +17,9 @@ constexpr const char* kGrowLogPath = "/tmp/fsgrow.log";
 int grow_command(ArgBlock block, u64 count, u64 first);
 // The five state lines on standard output.
 void grow_report();
-// 0 when the file system is grown (or already was), 1 when it cannot be or a step failed.
-int grow_run();
+// True when the file system is grown (or already was), false when it cannot be or a step
+// failed.
+bool grow_run();
 // Forks a child that grows with its output in the log; 0 in the parent, or 1 when the
 // fork failed. The child returns what grow_run returns.
 int grow_in_background();
@@ -27,6 +28,6 @@ int grow_in_background();
 // and the progress steps can be checked off the device.
 using GrowCall = u64 (*)(u64 operation, u64 argument);
 void grow_report_with(GrowCall grow);
-int grow_run_with(GrowCall grow);
+bool grow_run_with(GrowCall grow);
 
 }  // namespace ota

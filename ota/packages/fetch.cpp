@@ -60,18 +60,18 @@ i64 run_tpk(const char* word1, const char* word2, const char* word3, const char*
   return run_program("/bin/tpk", program_words, count);
 }
 
-int sync_clock() {
+bool sync_clock() {
   program_words[0] = "/bin/sntp";
   return run_program("/bin/sntp", program_words, 1) == 0;
 }
 
-int clock_needs_sync() {
+bool clock_needs_sync() {
   char state[kClockStateBytes];
   i64 n = read_file("/system/clock.stand", state, sizeof state);
   if (n >= 1) return state[0] != 'S';
   char ntp[kNtpConfigBytes + 1];
   n = read_file("/etc/ntp.conf", ntp, sizeof ntp - 1);
-  if (n < 9) return 0;
+  if (n < 9) return false;
   return mem_find(ntp, static_cast<usize>(n), "auto=true", 9) >= 0;
 }
 
@@ -83,7 +83,7 @@ i64 fetch_to_work(const char* name) {
 }
 
 int fetch_command(const char* name, const char* target) {
-  if (load_source_settings(SourceKind::packages) != 0) return 1;
+  if (!load_source_settings(SourceKind::packages)) return 1;
   load_device_name();
   if (!fetchable_name(name)) return fail("ota: cannot fetch: ", name);
   make_work_dir();

@@ -12,11 +12,10 @@ namespace ota {
 
 int search_command() {
   catalog_fetch_failed = false;
-  int r = load_catalog(SourceKind::packages, true);
-  if (r != 0) {
+  if (!load_catalog(SourceKind::packages, true)) {
     catalog_fetch_failed = true;
     write_update_state("fehler");
-    return r;
+    return 1;
   }
   u64 offered = catalog_version();
   u64 here = read_installed_version();
@@ -28,7 +27,7 @@ int search_command() {
     say_number("ota: VERSION BLOCKED -- REJECTED, offered ", offered);
     return 1;
   }
-  if (check_offered_version(offered, here, true) == 1) return 1;
+  if (!check_offered_version(offered, here, true)) return 1;
   if (package_count() == 0) return fail("ota: the VERZEICHNIS names no package", nullptr);
 
   print_out("ota: NEW VERSION available\n");
@@ -39,10 +38,10 @@ int search_command() {
   for (u64 i = 0;; i++) {
     const char* line = nth_package_line(i);
     if (line == nullptr) break;
-    int platform = package_platform(line);
-    if (platform == kOtherPlatform) other++;
-    if (platform == kNoPlatform) unmarked++;
-    if (platform != kThisPlatform) continue;
+    Platform platform = package_platform(line);
+    if (platform == Platform::other) other++;
+    if (platform == Platform::none) unmarked++;
+    if (platform != Platform::this_machine) continue;
     mine++;
     char name[kPackageFieldBytes];
     char word[kPackageFieldBytes];

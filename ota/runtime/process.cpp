@@ -31,18 +31,18 @@ u64 pack_name8(const char* name) {
   return packed;
 }
 
-int slot_is_live(u64 slot) {
+bool slot_is_live(u64 slot) {
   u64 state = sys_task_info(slot, TAVI_TASK_STATE);
   return !is_error(state) && state != TAVI_TASK_FREE && state != TAVI_TASK_ENDED;
 }
 
-int task_named(const char* name) {
+bool task_named(const char* name) {
   u64 wanted = pack_name8(name);
   for (u64 slot = 0; slot < kHealthSlots; slot++) {
     if (!slot_is_live(slot)) continue;
-    if (sys_task_info(slot, TAVI_TASK_NAME_LOW) == wanted) return 1;
+    if (sys_task_info(slot, TAVI_TASK_NAME_LOW) == wanted) return true;
   }
-  return 0;
+  return false;
 }
 
 namespace {
@@ -69,14 +69,14 @@ u64 end_tasks_named(const char* name) {
   return ended;
 }
 
-int is_own_task(u64 pid) {
-  if (pid == 0 || pid == sys_getpid()) return 0;
+bool is_own_task(u64 pid) {
+  if (pid == 0 || pid == sys_getpid()) return false;
   for (u64 slot = 0; slot < kTaskSlots; slot++) {
     if (!slot_is_live(slot)) continue;
     if (sys_task_info(slot, TAVI_TASK_PID) != pid) continue;
     return sys_task_info(slot, TAVI_TASK_NAME_LOW) == pack_name8("ota") && sys_task_info(slot, TAVI_TASK_NAME_HIGH) == 0;
   }
-  return 0;
+  return false;
 }
 
 void redirect_output(const char* log_path) {

@@ -54,7 +54,7 @@ void update_trust_roots() {
   if (ok) {
     print_out("system: trust roots updated\n");
   } else {
-    fail("ota: trust roots not updated (download, check or apply failed)", nullptr);
+    report_failure("ota: trust roots not updated (download, check or apply failed)", nullptr);
   }
 }
 
@@ -95,8 +95,8 @@ int apply_without_kernel() {
 
 int system_apply(bool restart, bool in_background) {
   if (in_trial() || system_trial_pending()) return give_up("ota: a trial is running or pending, confirm or restart first");
-  int r = check_system_update(true);
-  if (r != 0) return r;
+  SystemCheck check = check_system_update(true);
+  if (check != SystemCheck::offered) return exit_status(check);
   if (manifest.unknown_entry) print_out("system: root image entry ignored (module-root layout is stage 2)\n");
   fetch_system_notes(false);
   update_trust_roots();

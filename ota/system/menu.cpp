@@ -214,29 +214,21 @@ int check_and_add_entry_b(const char* text, usize n, char* out, usize capacity) 
   return 0;
 }
 
-// Failures of these operations go to standard error through fail, like every failure line
-// of the program; the caller undoes its own steps after a false result.
+// Failures of these operations go to standard error, like every failure line of the
+// program; the caller undoes its own steps after a false result.
 bool install_entry_b_at(const char* menu_path, const char* new_path) {
   i64 n = read_file(menu_path, menu_text, kMenuTextBytes);
   if (n <= 0 || static_cast<usize>(n) >= kMenuTextBytes) {
-    fail(kUnsupported, menu_reason_text(kMenuTooLarge));
-    return false;
+    return report_failure(kUnsupported, menu_reason_text(kMenuTooLarge));
   }
   int code = check_and_add_entry_b(menu_text, static_cast<usize>(n), menu_output, kMenuOutputBytes);
-  if (code != 0) {
-    fail(kUnsupported, menu_reason_text(code));
-    return false;
-  }
+  if (code != 0) return report_failure(kUnsupported, menu_reason_text(code));
   usize length = new_length;
-  if (!write_file(new_path, menu_output, length)) {
-    fail(kCouldNotWrite, nullptr);
-    return false;
-  }
+  if (!write_file(new_path, menu_output, length)) return report_failure(kCouldNotWrite, nullptr);
   sys_sync();
   if (file_size(new_path) != length) {
     remove_file(new_path);
-    fail(kCouldNotWrite, nullptr);
-    return false;
+    return report_failure(kCouldNotWrite, nullptr);
   }
   // FAT does not replace a file by renaming over it, so the old menu goes first. Should the
   // rename still fail, the menu is written directly rather than left missing.

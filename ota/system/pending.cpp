@@ -21,12 +21,12 @@ const char* after_key(const char* text, usize len, const char* key) {
 }
 
 
-int roll_back() {
+SystemTrialDecision roll_back() {
   remove_file(kSystemPendingPath);
   restore_overlay();
   write_system_status("failed");
   print_out("system: trial kernel was rolled back, update dropped\n");
-  return 2;
+  return SystemTrialDecision::dropped;
 }
 
 }  // namespace
@@ -83,14 +83,14 @@ bool running_kernel_is(const char* commit7) {
   return build != nullptr && mem_equal(build, commit7, kCommitPrefix);
 }
 
-int confirm_system_update() {
+SystemTrialDecision confirm_system_update() {
   // Zero-filled, so values near the end of a short record compare as zero bytes.
   char record[kPendingBytes + 80];
   mem_fill(record, 0, sizeof record);
   i64 n = read_file(kSystemPendingPath, record, kPendingBytes);
   if (n <= 0) {
     restore_overlay();
-    return 0;
+    return SystemTrialDecision::undecided;
   }
   usize len = static_cast<usize>(n);
   const char* count = after_key(record, len, kPendingCountKey);
@@ -99,7 +99,7 @@ int confirm_system_update() {
   if (count == nullptr || commit == nullptr || sha == nullptr) {
     remove_file(kSystemPendingPath);
     restore_overlay();
-    return 2;
+    return SystemTrialDecision::dropped;
   }
   u64 build = parse_decimal(count);
   char hash[65];
@@ -107,11 +107,11 @@ int confirm_system_update() {
   hash[64] = 0;
 
   if (!running_kernel_is(commit)) return roll_back();
-  if (!mount_esp()) return 0;
+  if (!mount_esp()) return SystemTrialDecision::undecided;
   i64 m = read_menu();
   if (m <= 0 || m >= static_cast<i64>(kMenuTextBytes)) {
     unmount_esp();
-    return 0;
+    return SystemTrialDecision::undecided;
   }
   // A menu that no longer starts the trial entry means a rollback, unless slot A already
   // holds the pending kernel: then the promotion itself switched the menu back to entry 1 and
@@ -122,7 +122,7 @@ int confirm_system_update() {
                          : sha256_file_matches(slot_a_path, hash);
   unmount_esp();
   if (!staged && !promoted) return roll_back();
-  if (!promoted) return 0;  // stays pending; the next confirmation tries again
+  if (!promoted) return SystemTrialDecision::undecided;  // the next confirmation tries again
 
   write_number_file(kSystemVersionPath, build);
   remove_file(kSystemPendingPath);
@@ -130,7 +130,7 @@ int confirm_system_update() {
   manifest.build = build;
   write_system_status("current");
   print_out("system: new kernel confirmed and promoted to slot A\n");
-  return 1;
+  return SystemTrialDecision::promoted;
 }
 
 }  // namespace ota

@@ -13,14 +13,14 @@ constexpr u64 kDefaultHealthy = 60;   // gesund=
 constexpr u64 kGraceBeyondHealthy = 60;
 
 // A confirmed record: 36 bytes and an ok digit other than '0'.
-int trial_confirmed() {
+bool trial_confirmed() {
   char record[kTrialReadBytes];
   return read_trial_record(record) && record[kTrialOkOffset] != '0';
 }
 
 }  // namespace
 
-int process_running(const char* name) { return task_named(name); }
+bool process_running(const char* name) { return task_named(name); }
 
 int boot_command(const char* process) {
   load_settings();

@@ -64,7 +64,8 @@ int service_loop(u64 passes) {
       apply_command();
     }
     if (system_searches && system_due_in == 0) {
-      if (system_background_check() < 2) system_due_in = system_interval;
+      // A build this one is too old for is asked about again at the next pass.
+      if (system_background_check() != SystemCheck::too_old) system_due_in = system_interval;
     }
     count++;
     if (passes != 0 && count >= passes) return 0;

@@ -8,7 +8,7 @@ namespace ota {
 
 int confirm_command();
 int rollback_command();
-int process_running(const char* name);
+bool process_running(const char* name);
 int boot_command(const char* process);
 int watchdog_command(const char* seconds);
 // Set by `ota service N system`: a limited service run also searches for system builds.

@@ -53,11 +53,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!no_file) root.put("/etc/ota.conf", file);
 
   memset(&ota::source_settings, 0x5a, sizeof ota::source_settings);
-  int r;
+  bool loaded;
   {
     Silence quiet;
-    r = ota::load_source_settings(system ? ota::SourceKind::system : ota::SourceKind::packages);
-    if (r == 0) ota::load_device_name();
+    loaded = ota::load_source_settings(system ? ota::SourceKind::system : ota::SourceKind::packages);
+    if (loaded) ota::load_device_name();
   }
 
   std::string text = no_file ? std::string() : file.substr(0, kLoaded);
@@ -67,10 +67,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string name = lookup(text, "name=", ota::kDeviceNameBytes, &has_name);
   std::string system_source = lookup(text, "sysquelle=", ota::kSourceBytes, &has_system);
   if (no_file || !has_source || (has_channel && !channel_ok(channel))) {
-    FUZZ_CHECK(r == 1);
+    FUZZ_CHECK(!loaded);
     return 0;
   }
-  FUZZ_CHECK(r == 0);
+  FUZZ_CHECK(loaded);
   if (system) {
     if (has_system) {
       source = system_source;

@@ -73,12 +73,12 @@ void check_fetch_words(uint8_t flags, const std::string& source_piece, const std
   if (named) conf += "name=" + name_piece + "\n";
   root.put("/etc/ota.conf", conf);
 
-  int loaded;
+  bool loaded;
   {
     Silence quiet;
     loaded = ota::load_source_settings(system ? ota::SourceKind::system : ota::SourceKind::packages);
   }
-  FUZZ_CHECK(loaded == 0);
+  FUZZ_CHECK(loaded);
   ota::load_device_name();
   std::string kept_source = ota::source_settings.source;
   std::string kept_channel = ota::source_settings.channel;
