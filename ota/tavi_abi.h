@@ -38,6 +38,7 @@ enum {
   TAVI_TASK_PID = 1,
   TAVI_TASK_NAME_LOW = 10,  /* name bytes 0 to 7 */
   TAVI_TASK_NAME_HIGH = 11, /* name bytes 8 to 15 */
+  TAVI_TASK_NAME_BYTES = 16,
   TAVI_TASK_FREE = 0,       /* state: the slot was never used */
   TAVI_TASK_ENDED = 5       /* state: its task has ended */
 };

@@ -29,7 +29,7 @@ void derive_system_source() {
     str_copy(source, system_source);
   } else {
     constexpr const char* kCurrent = "/aktuell";
-    constexpr usize kCurrentLength = 8;
+    constexpr usize kCurrentLength = text_length(kCurrent);
     usize len = str_len(source);
     if (len > kCurrentLength && str_equal(source + len - kCurrentLength, kCurrent)) {
       source[len - kCurrentLength] = 0;

@@ -143,7 +143,7 @@ bool apply_packages() {
     i64 code = run_tpk("update", name, "--source", kWorkDir, 5);
     if (code != 0) {
       // An installer that could not be started reports -1, so the code is shown signed.
-      char shown[24];
+      char shown[kDecimalBytes];
       format_decimal(static_cast<u64>(code), shown, 1);
       say_text("ota: tpk did not install, code ", shown);
       return false;

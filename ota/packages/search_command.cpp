@@ -78,14 +78,14 @@ int show_command() {
   print_out(spare_key_file_present() ? "ota: spare key present\n" : "ota: NO spare key\n");
 
   char generation[kNumberFileReadBytes];
-  i64 n = read_file("/system/AKTUELL", generation, sizeof generation);
-  if (n >= 8) {
+  i64 n = read_file(kCurrentGenerationPath, generation, sizeof generation);
+  if (n >= static_cast<i64>(kStoredDigits)) {
     generation[kStoredDigits] = 0;
     say_number("ota: generation ", parse_decimal(generation));
   }
   char record[kTrialReadBytes];
   if (read_trial_record(record) && record[kTrialOkOffset] == '0') {
-    record[kTrialGenerationOffset + 8] = 0;
+    record[kTrialGenerationOffset + kStoredDigits] = 0;
     say_text("ota: in trial: ", record + kTrialGenerationOffset);
   } else {
     print_out("ota: nothing in trial\n");

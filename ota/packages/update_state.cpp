@@ -40,7 +40,8 @@ void write_update_state(const char* phase) {
 bool state_is_ready() {
   char text[kStateReadBytes];
   i64 n = read_file(kUpdateStatePath, text, sizeof text);
-  return n > 0 && mem_find(text, static_cast<usize>(n), "phase=bereit", 12) >= 0;
+  constexpr const char* kReady = "phase=bereit";
+  return n > 0 && mem_find(text, static_cast<usize>(n), kReady, text_length(kReady)) >= 0;
 }
 
 bool check_offered_version(u64 offered, u64 here, bool verbose) {

@@ -9,6 +9,9 @@
 namespace ota {
 
 constexpr const char* kTrialRecordPath = "/system/ERPROBUNG";
+// The device's current generation, eight digits: a system trial is armed with it in both
+// generation fields of the record, and `ota show` prints it.
+constexpr const char* kCurrentGenerationPath = "/system/AKTUELL";
 // Its layout (36 bytes, read up to 39) is in device_limits.h.
 
 // Reads the record into buf (kTrialReadBytes); true when it has exactly 36 bytes.

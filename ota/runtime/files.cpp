@@ -90,7 +90,7 @@ bool overwrite_in_place(const char* path, const void* data, usize n) {
 u64 read_number_file(const char* path) {
   char buf[kNumberFileReadBytes];
   i64 n = read_file(path, buf, sizeof buf);
-  if (n < 8) return 0;
+  if (n < static_cast<i64>(kStoredDigits)) return 0;
   u64 v = 0;
   for (int i = 0; i < static_cast<int>(kStoredDigits); i++) {
     if (buf[i] < '0' || buf[i] > '9') return 0;
@@ -108,9 +108,9 @@ void format_eight_digits(char* out, u64 v) {
 }
 
 bool write_number_file(const char* path, u64 v) {
-  char buf[9];
+  char buf[kStoredDigits + 1];
   format_eight_digits(buf, v);
-  buf[8] = '\n';
+  buf[kStoredDigits] = '\n';
   return overwrite_in_place(path, buf, sizeof buf);
 }
 

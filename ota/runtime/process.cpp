@@ -47,11 +47,11 @@ bool task_named(const char* name) {
 
 namespace {
 
-// The slot's whole 16-byte name, closed with a 0.
-void slot_name(u64 slot, char out[17]) {
+// The slot's whole name, closed with a 0.
+void slot_name(u64 slot, char out[TAVI_TASK_NAME_BYTES + 1]) {
   u64 words[2] = {sys_task_info(slot, TAVI_TASK_NAME_LOW), sys_task_info(slot, TAVI_TASK_NAME_HIGH)};
-  for (int i = 0; i < 16; i++) out[i] = static_cast<char>((words[i / 8] >> (8 * (i % 8))) & 255);
-  out[16] = 0;
+  for (int i = 0; i < TAVI_TASK_NAME_BYTES; i++) out[i] = static_cast<char>((words[i / 8] >> (8 * (i % 8))) & 255);
+  out[TAVI_TASK_NAME_BYTES] = 0;
 }
 
 }  // namespace
@@ -60,7 +60,7 @@ u64 end_tasks_named(const char* name) {
   u64 ended = 0;
   for (u64 slot = 0; slot < kTaskSlots; slot++) {
     if (!slot_is_live(slot)) continue;
-    char task[17];
+    char task[TAVI_TASK_NAME_BYTES + 1];
     slot_name(slot, task);
     if (!str_equal(task, name)) continue;
     u64 pid = sys_task_info(slot, TAVI_TASK_PID);

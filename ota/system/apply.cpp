@@ -18,6 +18,7 @@ namespace ota {
 namespace {
 
 constexpr const char* kRootsPath = "/system/new/roots.pem";
+constexpr const char* kRootsTool = "/bin/rootsctl";
 // The desktop programs restarted when an overlay replaces them.
 constexpr const char* kShellPrograms[] = {"taskbar", "launcher"};
 
@@ -86,13 +87,13 @@ void update_trust_roots() {
   make_directory(kStagingDir);
   remove_file(kRootsPath);
   bool ok = false;
-  if (str_len(roots.sha) == 64 && roots.name[0] != 0 &&
+  if (str_len(roots.sha) == kDigestHexLength && roots.name[0] != 0 &&
       fetch_overlay_file(kRootsKind, roots.name, roots.size, roots.sha, kRootsPath)) {
     static const char* words[3];
-    words[0] = "/bin/rootsctl";
+    words[0] = kRootsTool;
     words[1] = "apply";
     words[2] = kRootsPath;
-    ok = run_program("/bin/rootsctl", words, 3) == 0;
+    ok = run_program(kRootsTool, words, 3) == 0;
   }
   remove_file(kRootsPath);
   if (ok) {
@@ -145,7 +146,10 @@ int system_apply(bool restart, bool in_background) {
   fetch_system_notes(false);
   update_trust_roots();
 
-  char commit7[kCommitBytes + 8];
+  // Zero-filled, so a commit shorter than seven characters compares zero bytes after it
+  // rather than what an earlier manifest left in the field.
+  char commit7[kCommitBytes];
+  static_assert(kCommitBytes > kCommitPrefix);
   mem_fill(commit7, 0, sizeof commit7);
   str_copy(commit7, manifest.commit);
   if (running_kernel_is(commit7)) return apply_without_kernel();

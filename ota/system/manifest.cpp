@@ -9,6 +9,7 @@
 #include "system/background.h"
 #include "system/pending.h"
 #include "trust/catalog_text.h"
+#include "trust/sha256.h"
 
 namespace ota {
 
@@ -62,7 +63,7 @@ bool parse_system_manifest() {
       manifest.unknown_entry = true;
     }
   }
-  if (manifest.kernel.size == 0 || manifest.kernel.name[0] == 0 || str_len(manifest.kernel.sha) != 64) {
+  if (manifest.kernel.size == 0 || manifest.kernel.name[0] == 0 || str_len(manifest.kernel.sha) != kDigestHexLength) {
     return report_failure("ota: system manifest has no kernel entry", nullptr);
   }
   return true;
@@ -90,7 +91,7 @@ void fetch_system_notes(bool quiet) {
   const ManifestFile& notes = manifest.notes;
   if (notes.size == 0 || notes.size > kNotesLimit || notes.name[0] == 0) return;
   if (!download_package(notes.name, notes.size, notes.sha)) return;
-  char local[kEntryNameBytes + 16];
+  char local[kEntryWorkPathBytes];
   work_path(local, notes.name);
   char text[kNotesLimit];
   i64 n = read_file(local, text, sizeof text);

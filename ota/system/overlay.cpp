@@ -151,12 +151,12 @@ bool fetch_overlay_file(const char* target, const char* name, u64 size, const ch
     line_field(gz, 1, gz_sha, sizeof gz_sha);
     line_field(gz, 2, gz_size, sizeof gz_size);
     line_field(gz, 3, gz_name, sizeof gz_name);
-    if (str_len(gz_sha) != 64 || parse_decimal(gz_size) == 0 || gz_name[0] == 0) gz = nullptr;
+    if (str_len(gz_sha) != kDigestHexLength || parse_decimal(gz_size) == 0 || gz_name[0] == 0) gz = nullptr;
   }
   if (gz == nullptr) return checked_download(name, destination, size, sha256);
 
   remove_file(destination);
-  char packed[kEntryNameBytes + 16];
+  char packed[kEntryWorkPathBytes];
   work_path(packed, gz_name);
   bool ok = checked_download(gz_name, packed, parse_decimal(gz_size), gz_sha) && gunzip_file(packed, destination);
   remove_file(packed);
@@ -194,7 +194,8 @@ bool stage_overlay_files() {
   make_directory(kBackupDir);
   bool ok = true;
   for (u64 i = 0; ok && file_entry(i, &entry); i++) {
-    if (!valid_target(entry.target) || str_len(entry.sha) != 64 || entry.size == 0 || entry.name[0] == 0) {
+    if (!valid_target(entry.target) || str_len(entry.sha) != kDigestHexLength || entry.size == 0 ||
+        entry.name[0] == 0) {
       ok = report_failure("ota: bad overlay entry in the signed list", nullptr);
       break;
     }

@@ -35,20 +35,20 @@ bool arm_system_trial() {
   char text[kCurrentGenerationReadBytes];
   i64 n = read_file(kCurrentGenerationPath, text, sizeof text);
   u64 generation = 0;
-  if (n < 8) {
+  if (n < static_cast<i64>(kStoredDigits)) {
     if (!write_number_file(kCurrentGenerationPath, 0)) return false;
   } else {
     // The digits among the first eight characters, in order; anything else is skipped.
-    for (int i = 0; i < 8; i++) {
+    for (usize i = 0; i < kStoredDigits; i++) {
       if (text[i] >= '0' && text[i] <= '9') generation = generation * 10 + static_cast<u64>(text[i] - '0');
     }
   }
   char record[kTrialRecordBytes + 1];
   usize len = str_copy(record, "gen=");
   format_eight_digits(record + len, generation);
-  len = str_append_at(record, len + 8, " vor=");
+  len = str_append_at(record, len + kStoredDigits, " vor=");
   format_eight_digits(record + len, generation);
-  len = str_append_at(record, len + 8, " v=00 ok=0\n");
+  len = str_append_at(record, len + kStoredDigits, " v=00 ok=0\n");
   if (len != kTrialRecordBytes) return false;
   return replace_file(kTrialRecordPath, record, len);
 }
@@ -70,6 +70,7 @@ bool write_pending_record() {
 }
 
 bool system_trial_pending() {
+  // One byte is enough to say a record is there; it is read up to eight.
   char text[8];
   return read_file(kSystemPendingPath, text, sizeof text) >= 1;
 }
@@ -84,8 +85,9 @@ bool running_kernel_is(const char* commit7) {
 }
 
 SystemTrialDecision confirm_system_update() {
-  // Zero-filled, so values near the end of a short record compare as zero bytes.
-  char record[kPendingBytes + 80];
+  // Zero-filled, so values near the end of a short record compare as zero bytes; the room
+  // behind the record holds the longest value read after a key at its very end, the hash.
+  char record[kPendingBytes + kDigestHexLength];
   mem_fill(record, 0, sizeof record);
   i64 n = read_file(kSystemPendingPath, record, kPendingBytes);
   if (n <= 0) {
@@ -102,9 +104,9 @@ SystemTrialDecision confirm_system_update() {
     return SystemTrialDecision::dropped;
   }
   u64 build = parse_decimal(count);
-  char hash[65];
-  mem_copy(hash, sha, 64);
-  hash[64] = 0;
+  char hash[kDigestHexBytes];
+  mem_copy(hash, sha, kDigestHexLength);
+  hash[kDigestHexLength] = 0;
 
   if (!running_kernel_is(commit)) return roll_back();
   if (!mount_esp()) return SystemTrialDecision::undecided;
@@ -116,7 +118,7 @@ SystemTrialDecision confirm_system_update() {
   // A menu that no longer starts the trial entry means a rollback, unless slot A already
   // holds the pending kernel: then the promotion itself switched the menu back to entry 1 and
   // was ended before it could remove the pending record, and it is finished now.
-  bool staged = mem_find(esp_menu_text, static_cast<usize>(m), "default_entry: 2", 16) >= 0;
+  bool staged = mem_find(esp_menu_text, static_cast<usize>(m), kDefaultTwo, text_length(kDefaultTwo)) >= 0;
   bool promoted = staged ? sha256_file_matches(slot_b_path, hash) && copy_file(slot_b_path, slot_a_path) &&
                                sha256_file_matches(slot_a_path, hash) && reset_default_entry()
                          : sha256_file_matches(slot_a_path, hash);

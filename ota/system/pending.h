@@ -6,8 +6,6 @@
 
 namespace ota {
 
-constexpr const char* kCurrentGenerationPath = "/system/AKTUELL";
-
 bool arm_system_trial();
 bool write_pending_record();
 bool system_trial_pending();

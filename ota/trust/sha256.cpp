@@ -228,7 +228,7 @@ void sha256_hex(const u8 digest[kSha256DigestBytes], char out[kDigestHexBytes]) 
 bool sha256_matches(const u8 digest[kSha256DigestBytes], const char* expected_hex) {
   char hex[kDigestHexBytes];
   sha256_hex(digest, hex);
-  return str_equal_n(hex, expected_hex, kDigestHexBytes - 1);
+  return str_equal_n(hex, expected_hex, kDigestHexLength);
 }
 
 bool sha256_file_matches(const char* path, const char* expected_hex) {

@@ -9,8 +9,10 @@
 namespace ota {
 
 constexpr usize kSha256DigestBytes = 32;
-// The digest as text: two lowercase hex digits per byte and the terminating zero.
-constexpr usize kDigestHexBytes = 2 * kSha256DigestBytes + 1;
+// The digest as text: two lowercase hex digits per byte, 64 characters, and in a buffer
+// the terminating zero. A hash text of any other length in a catalog or record is no hash.
+constexpr usize kDigestHexLength = 2 * kSha256DigestBytes;
+constexpr usize kDigestHexBytes = kDigestHexLength + 1;
 // sha256_file reads through one buffer of kSha256ReadBytes, so no file is ever held
 // whole.
 
