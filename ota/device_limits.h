@@ -135,10 +135,13 @@ constexpr usize kInstallCatalogBytes = 8191;
 // ---------------------------------------------------------------------------------------
 // Withdrawn versions (/system/GESPERRT)
 
-// 64 records of 9 bytes; one byte less than 65 records, so a 640-byte file still yields 64.
+// Records of 9 bytes (eight digits and a LF), of which the first 64 count. The file is read
+// up to 639 bytes, 71 whole records: a longer file (640 bytes, say) still yields 64, and
+// the part of a record at the end of what was read is ignored.
 constexpr usize kBlockedRecords = 64;
 constexpr usize kBlockedRecordBytes = 9;
 constexpr usize kBlockedFileBytes = 639;
+static_assert(kBlockedRecords * kBlockedRecordBytes <= kBlockedFileBytes, "a full table fits what is read");
 
 // ---------------------------------------------------------------------------------------
 // The system manifest and the system records

@@ -22,9 +22,9 @@ void grow_report_with(GrowCall grow) {
   say_number("grow: ext inodes ", grow(TAVI_GROW_QUERY, TAVI_GROW_EXT_INODES));
 }
 
-// "grow: not possible" and "grow: failed " are failures and go to standard error through
-// fail, as every failure line of the program does; progress, "grow: done" and the report
-// go to standard output. In the background both streams end up in the log.
+// "grow: not possible" and "grow: failed " are failures and go to standard error, as every
+// failure line of the program does; progress, "grow: done" and the report go to standard
+// output. In the background both streams end up in the log.
 bool grow_run_with(GrowCall grow) {
   u64 state = grow(TAVI_GROW_QUERY, TAVI_GROW_STATE);
   if (state == TAVI_GROW_DONE) {

@@ -7,7 +7,8 @@
 
 namespace ota {
 
-// Status every ended task gets from end_task.
+// The status every task ended by end_task gets: that of a task killed by signal 9
+// (128 + 9), which is what ending it from outside is.
 constexpr u64 kEndTaskStatus = 137;
 // The start-up check looks at kHealthSlots slots, the scans that end tasks or look for a
 // background apply at kTaskSlots; the two differ on purpose.

@@ -46,11 +46,6 @@ usize str_append_decimal(char* dst, u64 v) {
   return len + format_decimal(v, dst + len, 1);
 }
 
-usize str_append_unsigned(char* dst, u64 v) {
-  usize len = str_len(dst);
-  return len + format_decimal(v, dst + len, 0);
-}
-
 usize str_append_two_digits(char* dst, u64 v) {
   usize len = str_len(dst);
   len = str_append_char(dst, len, static_cast<char>('0' + (v / 10) % 10));

@@ -15,7 +15,6 @@ usize str_append_at(char* dst, usize len, const char* src);
 usize str_append_char(char* dst, usize len, char c);
 usize str_append_slash(char* dst);
 usize str_append_decimal(char* dst, u64 v);
-usize str_append_unsigned(char* dst, u64 v);
 usize str_append_two_digits(char* dst, u64 v);
 bool str_equal(const char* a, const char* b);
 bool str_equal_n(const char* a, const char* b, usize n);

@@ -176,6 +176,7 @@ int system_apply(bool restart, bool in_background) {
   print_out("system: restarting\n");
   if (in_background) write_apply_state("state=done\n");
   sys_sync();
+  // Half a second for the disk to finish what the sync handed it before the restart.
   sleep_ms(500);
   sys_reboot(TAVI_RESTART);
   return 0;

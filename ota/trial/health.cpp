@@ -10,6 +10,8 @@ namespace {
 
 constexpr u64 kDefaultGrace = 120;    // frist=
 constexpr u64 kDefaultHealthy = 60;   // gesund=
+// A grace period no longer than the time before health is tested would end before the
+// first test; the start-up check then waits this much beyond it.
 constexpr u64 kGraceBeyondHealthy = 60;
 
 // A confirmed record: 36 bytes and an ok digit other than '0'.

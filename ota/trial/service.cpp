@@ -17,6 +17,8 @@ namespace {
 constexpr u64 kDefaultInterval = 3600;        // abstand=
 constexpr u64 kDefaultSystemInterval = 21600;  // sysabstand=
 constexpr u64 kDefaultStartDelay = 180;        // start=
+// A source that cannot be reached is asked again soon, then less and less often: after
+// 30 seconds, doubled with each failed pass up to 480, never later than the interval.
 constexpr u64 kFirstBackoff = 30;
 constexpr u64 kMostDoublings = 4;
 // After this many failed passes in a row the full interval is waited once.

@@ -9,8 +9,10 @@ namespace ota {
 
 constexpr const char* kBlockedPath = "/system/GESPERRT";
 
+// The program-wide copy of the file: what was read of it, and the records that count
+// (the table grows at its end when a catalog adds one).
 struct BlockedTable {
-  char bytes[kBlockedFileBytes + kBlockedRecordBytes];
+  char bytes[kBlockedFileBytes];
   u64 count;
 };
 extern BlockedTable blocked;
