@@ -13,13 +13,11 @@ namespace ota {
 
 namespace {
 
-
 // The value text after key in the record, or null.
 const char* after_key(const char* text, usize len, const char* key) {
   i64 at = mem_find(text, len, key, str_len(key));
   return at < 0 ? nullptr : text + at + str_len(key);
 }
-
 
 SystemTrialDecision roll_back() {
   remove_file(kSystemPendingPath);
