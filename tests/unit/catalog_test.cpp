@@ -53,31 +53,31 @@ TEST(CatalogLines, LookupsInAnyOrderGiveTheSameLines) {
 
 TEST(CatalogLines, FindsTheNthLineWithATagAtLineStarts) {
   hold_catalog("OTA2\npaket\ta\nxpaket\tb\npaket\tc\n");
-  const char* first = find_catalog_line("paket\t", 6, 0);
+  const char* first = find_catalog_line(kPackageTag, text_length(kPackageTag), 0);
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(*first, 'a');
-  const char* second = find_catalog_line("paket\t", 6, 1);
+  const char* second = find_catalog_line(kPackageTag, text_length(kPackageTag), 1);
   ASSERT_NE(second, nullptr);
   EXPECT_EQ(*second, 'c');
-  EXPECT_EQ(find_catalog_line("paket\t", 6, 2), nullptr);
-  EXPECT_EQ(find_catalog_line("kette\t", 6, 0), nullptr);
+  EXPECT_EQ(find_catalog_line(kPackageTag, text_length(kPackageTag), 2), nullptr);
+  EXPECT_EQ(find_catalog_line(kChainTag, text_length(kChainTag), 0), nullptr);
 }
 
 TEST(CatalogLines, ATagCutByTheEndOfTheTextDoesNotMatch) {
   hold_catalog("OTA2\npaket");
-  EXPECT_EQ(find_catalog_line("paket\t", 6, 0), nullptr);
+  EXPECT_EQ(find_catalog_line(kPackageTag, text_length(kPackageTag), 0), nullptr);
 }
 
 TEST(CatalogLines, NothingIsFoundInAnEmptyCatalog) {
   hold_catalog("");
-  EXPECT_EQ(find_catalog_line("OTA2", 4, 0), nullptr);
+  EXPECT_EQ(find_catalog_line(kCatalogMarker, text_length(kCatalogMarker), 0), nullptr);
   EXPECT_EQ(package_count(), 0u);
   EXPECT_EQ(catalog_version(), 0u);
 }
 
 TEST(CatalogFields, SkipsFieldsAndStopsAtTabLfAndEnd) {
   hold_catalog("paket\tname\tword\t\tlen\nnext\tx");
-  const char* line = find_catalog_line("paket\t", 6, 0);
+  const char* line = find_catalog_line(kPackageTag, text_length(kPackageTag), 0);
   EXPECT_EQ(field(line, 0), "1:name");
   EXPECT_EQ(field(line, 1), "1:word");
   EXPECT_EQ(field(line, 2), "0:");  // two adjacent TABs: an empty field
@@ -91,14 +91,14 @@ TEST(CatalogFields, SkipsFieldsAndStopsAtTabLfAndEnd) {
 
 TEST(CatalogFields, CutAtCapacity) {
   hold_catalog("paket\tabcdefghij\n");
-  const char* line = find_catalog_line("paket\t", 6, 0);
+  const char* line = find_catalog_line(kPackageTag, text_length(kPackageTag), 0);
   EXPECT_EQ(field(line, 0, 5), "1:abcd");
   EXPECT_EQ(field(line, 0, 1), "0:");
 }
 
 TEST(CatalogFields, CarriageReturnIsPartOfTheField) {
   hold_catalog("paket\ta\tb\r\n");
-  EXPECT_EQ(field(find_catalog_line("paket\t", 6, 0), 1), "1:b\r");
+  EXPECT_EQ(field(find_catalog_line(kPackageTag, text_length(kPackageTag), 0), 1), "1:b\r");
 }
 
 TEST(CatalogPackages, PlatformClasses) {
