@@ -26,6 +26,14 @@ constexpr bool texts_equal(const char* a, const char* b) {
   while (a[i] != 0 && a[i] == b[i]) i++;
   return a[i] == b[i];
 }
+// Whether whole is a followed by b, for a text made of others.
+constexpr bool texts_joined(const char* whole, const char* a, const char* b) {
+  usize i = 0;
+  for (; a[i] != 0; i++) {
+    if (whole[i] != a[i]) return false;
+  }
+  return texts_equal(whole + i, b);
+}
 
 // ---------------------------------------------------------------------------------------
 // Settings (/etc/ota.conf)
@@ -127,10 +135,13 @@ constexpr usize kInstallCatalogBytes = 8191;
 // ---------------------------------------------------------------------------------------
 // Withdrawn versions (/system/GESPERRT)
 
-// 64 records of 9 bytes; one byte less than 65 records, so a 640-byte file still yields 64.
+// Records of 9 bytes (eight digits and a LF), of which the first 64 count. The file is read
+// up to 639 bytes, 71 whole records: a longer file (640 bytes, say) still yields 64, and
+// the part of a record at the end of what was read is ignored.
 constexpr usize kBlockedRecords = 64;
 constexpr usize kBlockedRecordBytes = 9;
 constexpr usize kBlockedFileBytes = 639;
+static_assert(kBlockedRecords * kBlockedRecordBytes <= kBlockedFileBytes, "a full table fits what is read");
 
 // ---------------------------------------------------------------------------------------
 // The system manifest and the system records
@@ -143,11 +154,15 @@ constexpr usize kKindBytes = 24;
 constexpr usize kShaFieldBytes = 70;
 constexpr usize kSizeFieldBytes = 20;
 constexpr usize kEntryNameBytes = 120;
+// A download name's path under the work directory: "/tmp/ota/" and the name.
+constexpr usize kEntryWorkPathBytes = kEntryNameBytes + 16;
 // The kinds of a "sysfile" line a device knows.
 constexpr const char* kKernelKind = "kernel";
 constexpr const char* kNotesKind = "notes";
 constexpr const char* kRootsKind = "roots";
 constexpr const char* kFileKind = "file";
+// An overlay file entry is a "sysfile" line of kind "file" (kOverlayFileTag).
+static_assert(texts_joined(kOverlayFileTag, kSystemFileTag, "file\t") && texts_equal(kFileKind, "file"));
 // Release notes are kept and shown up to this size; larger notes are not fetched.
 constexpr usize kNotesLimit = 2000;
 // /etc/osversion is shown up to 200 bytes.
@@ -270,7 +285,7 @@ static_assert(characters_kept(kEntryNameBytes) < characters_kept(kPackageFieldBy
 // A working file: "/tmp/ota/" (9), a package file name and ".sig", or a download name.
 static_assert(9 + characters_kept(kPackageFieldBytes) + kSignatureSuffixLength < kUrlBytes,
               "a package file's path under /tmp/ota fits a URL-sized buffer");
-static_assert(9 + characters_kept(kEntryNameBytes) < kEntryNameBytes + 16,
+static_assert(9 + characters_kept(kEntryNameBytes) < kEntryWorkPathBytes,
               "a download name's path under /tmp/ota fits its buffer");
 // Overlay paths: "/system/new" (11), "/", and a target of at most 60 characters, or
 // "/bin/" and a field of 59.

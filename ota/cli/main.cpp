@@ -1,13 +1,14 @@
-#include "cli/commands.h"
+#include "cli/main.h"
+
+#include "cli/settings_command.h"
 #include "packages/apply.h"
 #include "packages/fetch.h"
 #include "packages/update_state.h"
 #include "runtime/text.h"
+#include "system/system_command.h"
 #include "trial/trial.h"
 
 namespace ota {
-
-bool service_with_system = false;
 
 namespace {
 

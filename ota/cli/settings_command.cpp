@@ -1,4 +1,4 @@
-#include "cli/commands.h"
+#include "cli/settings_command.h"
 #include "config/settings.h"
 #include "runtime/files.h"
 #include "runtime/text.h"

@@ -7,23 +7,23 @@ namespace ota {
 
 Settings settings;
 
-int load_settings() {
+bool load_settings() {
   i64 n = read_replaced_file(kSettingsPath, settings.text, kSettingsBytes - 1);
   if (n < 0) {
     settings.length = 0;
     settings.text[0] = 0;
-    return 0;
+    return false;
   }
   settings.length = static_cast<usize>(n);
   settings.text[n] = 0;
-  return 1;
+  return true;
 }
 
-int valid_channel(const char* text) {
+bool valid_channel(const char* text) {
   return str_equal(text, "stable") || str_equal(text, "test") || str_equal(text, "dev");
 }
 
-int setting_text(const char* key, char* out, usize cap) {
+bool setting_text(const char* key, char* out, usize cap) {
   return value_of(settings.text, settings.length, key, out, cap);
 }
 

@@ -15,10 +15,11 @@ struct Settings {
 };
 extern Settings settings;
 
-int load_settings();
-int valid_channel(const char* text);
+// False (and an empty text) when the file cannot be opened.
+bool load_settings();
+bool valid_channel(const char* text);
 // value_of over the loaded settings.
-int setting_text(const char* key, char* out, usize cap);
+bool setting_text(const char* key, char* out, usize cap);
 // number_of over the loaded settings.
 u64 setting_number(const char* key, u64 fallback);
 

@@ -5,18 +5,17 @@
 namespace ota {
 
 SourceSettings source_settings;
-bool system_mode = false;
 
-int load_source_settings() {
+bool load_source_settings(SourceKind kind) {
   if (!load_settings() || !setting_text("quelle=", source_settings.source, kSourceBytes)) {
-    return fail("ota: /etc/ota.conf is missing or names no source", nullptr);
+    return report_failure("ota: /etc/ota.conf is missing or names no source", nullptr);
   }
   source_settings.channel[0] = 0;
   if (setting_text("kanal=", source_settings.channel, kChannelBytes) && !valid_channel(source_settings.channel)) {
-    return fail("ota: channel must be stable or test", nullptr);
+    return report_failure("ota: channel must be stable or test", nullptr);
   }
-  if (system_mode) derive_system_source();
-  return 0;
+  if (kind == SourceKind::system) derive_system_source();
+  return true;
 }
 
 void load_device_name() {
@@ -30,7 +29,7 @@ void derive_system_source() {
     str_copy(source, system_source);
   } else {
     constexpr const char* kCurrent = "/aktuell";
-    constexpr usize kCurrentLength = 8;
+    constexpr usize kCurrentLength = text_length(kCurrent);
     usize len = str_len(source);
     if (len > kCurrentLength && str_equal(source + len - kCurrentLength, kCurrent)) {
       source[len - kCurrentLength] = 0;

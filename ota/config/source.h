@@ -13,13 +13,14 @@ struct SourceSettings {
 };
 extern SourceSettings source_settings;
 
-// Set around the catalog load of a system update: the load then uses the system source.
-extern bool system_mode;
+// Which source a command fetches from: the package source, or the system source that
+// derive_system_source makes of it.
+enum class SourceKind { packages, system };
 
-// Loads the settings and fills source and channel, failing with the user's message when
-// the file names no source or a wrong channel. In system mode the system source replaces
-// the package source. Returns 0 or the failure status 1.
-int load_source_settings();
+// Loads the settings and fills source and channel; false, with the user's message printed,
+// when the file names no source or a wrong channel. For the system source the derived
+// source replaces the package source.
+bool load_source_settings(SourceKind kind);
 // Reads name= into the device name (empty when absent).
 void load_device_name();
 void derive_system_source();

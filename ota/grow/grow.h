@@ -2,36 +2,24 @@
 // Growing the root file system to the size of its device. The kernel does the work; the
 // program asks for it step by step, reports progress and words the outcome.
 
-#include "runtime/syscall.h"
+#include "runtime/args.h"
 
 namespace ota {
 
-// Operations and arguments of the kernel's grow call.
-constexpr u64 kGrowQuery = 15;
-constexpr u64 kGrowStep = 16;
-constexpr u64 kGrowQueryState = 0;
-constexpr u64 kGrowQueryPermille = 1;
-constexpr u64 kGrowQueryFsBlocks = 2;
-constexpr u64 kGrowQueryDeviceBlocks = 3;
-constexpr u64 kGrowQueryInodes = 4;
-constexpr u64 kGrowQueryExtInodes = 6;
-// Units of work the kernel may do in one step.
+// The kernel's grow call, its operations, selectors and answers are in tavi_abi.h. Each
+// step asks for at most this many units of work, so that progress can be reported
+// between steps.
 constexpr u64 kGrowStepUnits = 256;
-// States of the query: growth impossible, and already at the device's size.
-constexpr u64 kGrowStateImpossible = 0;
-constexpr u64 kGrowStateDone = 3;
-// Results of a step: more to do, and finished; anything else is the kernel's failure code.
-constexpr u64 kGrowStepMore = 0;
-constexpr u64 kGrowStepFinished = 1;
 
 constexpr const char* kGrowLogPath = "/tmp/fsgrow.log";
 
 // `ota system grow [status | bg]`: first is the index of the word after "grow".
-int grow_command(const u64* block, u64 count, u64 first);
+int grow_command(ArgBlock block, u64 count, u64 first);
 // The five state lines on standard output.
 void grow_report();
-// 0 when the file system is grown (or already was), 1 when it cannot be or a step failed.
-int grow_run();
+// True when the file system is grown (or already was), false when it cannot be or a step
+// failed.
+bool grow_run();
 // Forks a child that grows with its output in the log; 0 in the parent, or 1 when the
 // fork failed. The child returns what grow_run returns.
 int grow_in_background();
@@ -40,6 +28,6 @@ int grow_in_background();
 // and the progress steps can be checked off the device.
 using GrowCall = u64 (*)(u64 operation, u64 argument);
 void grow_report_with(GrowCall grow);
-int grow_run_with(GrowCall grow);
+bool grow_run_with(GrowCall grow);
 
 }  // namespace ota

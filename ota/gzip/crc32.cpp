@@ -8,7 +8,7 @@ namespace {
 constexpr u32 kPolynomial = 0xEDB88320;  // x^32 + x^26 + ... + 1, bit-reflected
 constexpr unsigned kSlices = 8;          // bytes consumed per step of the table path
 
-// kTables[k][b]: the register change caused by byte b followed by k zero bytes. Built on
+// g_tables[k][b]: the register change caused by byte b followed by k zero bytes. Built on
 // first use; 8 KiB of program-wide memory.
 u32 g_tables[kSlices][256];
 bool g_tables_ready;

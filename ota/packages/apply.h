@@ -5,15 +5,13 @@
 
 namespace ota {
 
-// Set when every package was already current and only the installed version moved.
-extern bool nothing_installed;
-
 int apply_command();
-int apply_packages();
-// 1 when /tmp/ota/<file> holds exactly length bytes with the given SHA-256 (fetching
-// and resuming up to three times); 0 after the failure line was printed.
-int download_package(const char* file, u64 length, const char* hash_text);
+// Downloads, checks and installs; false after the failure was printed.
+bool apply_packages();
+// True when /tmp/ota/<file> holds exactly length bytes with the given SHA-256 (fetching
+// and resuming up to three times); false after the failure line was printed.
+bool download_package(const char* file, u64 length, const char* hash_text);
 // The same check and fetch with the file kept at local instead of the work directory.
-int checked_download(const char* file, const char* local, u64 length, const char* hash_text);
+bool checked_download(const char* file, const char* local, u64 length, const char* hash_text);
 
 }  // namespace ota

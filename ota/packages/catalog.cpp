@@ -16,18 +16,18 @@ namespace {
 
 constexpr usize kPackageTagLength = text_length(kPackageTag);
 
-int reject_catalog(const char* msg, const char* extra) {
+bool reject_catalog(const char* msg, const char* extra) {
   hold_catalog_text(0);
-  return fail(msg, extra);
+  return report_failure(msg, extra);
 }
 
 }  // namespace
 
-int load_catalog(bool verbose) {
+bool load_catalog(SourceKind kind, bool verbose) {
   hold_catalog_text(0);
-  if (load_source_settings() != 0) return 1;
+  if (!load_source_settings(kind)) return false;
   load_device_name();
-  if (!load_trusted_keys()) return fail("ota: no trusted key -- nothing is done", nullptr);
+  if (!load_trusted_keys()) return report_failure("ota: no trusted key -- nothing is done", nullptr);
   if (verbose) {
     say_text("ota: source ", source_settings.source);
     if (source_settings.channel[0] != 0) say_text("ota: channel ", source_settings.channel);
@@ -39,8 +39,8 @@ int load_catalog(bool verbose) {
   work_path(local_sig, "VERZEICHNIS.sig");
   remove_file(local);
   remove_file(local_sig);
-  if (run_fetch("VERZEICHNIS", local, 0) != 0) return fail("ota: cannot fetch: ", "VERZEICHNIS");
-  if (run_fetch("VERZEICHNIS.sig", local_sig, 0) != 0) return fail("ota: cannot fetch: ", "VERZEICHNIS.sig");
+  if (run_fetch("VERZEICHNIS", local, 0) != 0) return report_failure("ota: cannot fetch: ", "VERZEICHNIS");
+  if (run_fetch("VERZEICHNIS.sig", local_sig, 0) != 0) return report_failure("ota: cannot fetch: ", "VERZEICHNIS.sig");
 
   i64 n = read_file(local, catalog.text, kCatalogBytes);
   if (n <= 0) return reject_catalog("ota: cannot fetch: ", "VERZEICHNIS");
@@ -59,7 +59,7 @@ int load_catalog(bool verbose) {
   if (!str_equal_n(catalog.text, kCatalogMarker, text_length(kCatalogMarker))) return reject_catalog("ota: this is not a VERZEICHNIS (marker missing)", nullptr);
   if (trust.spare_key_used && verbose) print_out("ota: checked with the SPARE KEY\n");
   merge_blocked_versions();
-  if (trust.current_generation <= trust.stored_generation) return 0;
+  if (trust.current_generation <= trust.stored_generation) return true;
 
   // Key changes reach the disk only now that the catalog they lead to is verified: the
   // key first, then its generation.
@@ -68,7 +68,7 @@ int load_catalog(bool verbose) {
   }
   say_number("ota: KEY CHANGE accepted, new generation ", trust.current_generation);
   trust.stored_generation = trust.current_generation;
-  return 0;
+  return true;
 }
 
 const char* nth_package_line(u64 n) { return find_catalog_line(kPackageTag, kPackageTagLength, n); }
@@ -79,11 +79,11 @@ u64 package_count() {
   return n;
 }
 
-int package_platform(const char* line) {
+Platform package_platform(const char* line) {
   char platform[kPlatformFieldBytes];
-  if (!line_field(line, 5, platform, sizeof platform)) return kNoPlatform;
-  if (str_equal(platform, kPlatform) || str_equal(platform, kAnyPlatform)) return kThisPlatform;
-  return kOtherPlatform;
+  if (!line_field(line, 5, platform, sizeof platform)) return Platform::none;
+  if (str_equal(platform, kPlatform) || str_equal(platform, kAnyPlatform)) return Platform::this_machine;
+  return Platform::other;
 }
 
 u64 platform_package_count() {
@@ -91,7 +91,7 @@ u64 platform_package_count() {
   for (u64 i = 0;; i++) {
     const char* line = nth_package_line(i);
     if (line == nullptr) return n;
-    if (package_platform(line) == kThisPlatform) n++;
+    if (package_platform(line) == Platform::this_machine) n++;
   }
 }
 
@@ -122,7 +122,7 @@ void load_install_catalog() {
   install_catalog.text[n] = 0;
 }
 
-int catalog_says_current(const char* name) {
+bool catalog_says_current(const char* name) {
   const char* text = install_catalog.text;
   usize len = install_catalog.length;
   usize name_len = str_len(name);
@@ -134,11 +134,11 @@ int catalog_says_current(const char* name) {
     }
     start = end + 1;
   }
-  return 0;
+  return false;
 }
 
-int package_needs_update(const char* line) {
-  if (package_platform(line) != kThisPlatform) return 0;
+bool package_needs_update(const char* line) {
+  if (package_platform(line) != Platform::this_machine) return false;
   char name[kPackageNameBytes];
   line_field(line, 0, name, sizeof name);
   return !catalog_says_current(name);

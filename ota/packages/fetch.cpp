@@ -13,6 +13,11 @@ char fetch_url[kUrlBytes];
 
 namespace {
 
+// The outside programs; word 0 of each start is the program's own path.
+constexpr const char* kFetchProgram = "/bin/fetch";
+constexpr const char* kInstaller = "/bin/tpk";
+constexpr const char* kClockSetter = "/bin/sntp";
+
 char offset_text[kDecimalBytes];
 
 void build_url(const char* file_name) {
@@ -34,7 +39,7 @@ void build_url(const char* file_name) {
 
 i64 run_fetch(const char* file_name, const char* local_path, u64 offset) {
   u64 n = 0;
-  program_words[n++] = "/bin/fetch";
+  program_words[n++] = kFetchProgram;
   program_words[n++] = "-o";
   program_words[n++] = local_path;
   if (source_settings.device_name[0] != 0) {
@@ -48,31 +53,34 @@ i64 run_fetch(const char* file_name, const char* local_path, u64 offset) {
   }
   build_url(file_name);
   program_words[n++] = fetch_url;
-  return run_program("/bin/fetch", program_words, n);
+  return run_program(kFetchProgram, program_words, n);
 }
 
 i64 run_tpk(const char* word1, const char* word2, const char* word3, const char* word4, u64 count) {
-  program_words[0] = "/bin/tpk";
+  program_words[0] = kInstaller;
   program_words[1] = word1;
   program_words[2] = word2;
   program_words[3] = word3;
   program_words[4] = word4;
-  return run_program("/bin/tpk", program_words, count);
+  return run_program(kInstaller, program_words, count);
 }
 
-int sync_clock() {
-  program_words[0] = "/bin/sntp";
-  return run_program("/bin/sntp", program_words, 1) == 0;
+bool sync_clock() {
+  program_words[0] = kClockSetter;
+  return run_program(kClockSetter, program_words, 1) == 0;
 }
 
-int clock_needs_sync() {
+bool clock_needs_sync() {
   char state[kClockStateBytes];
   i64 n = read_file("/system/clock.stand", state, sizeof state);
   if (n >= 1) return state[0] != 'S';
+  // Without a clock state a sync is asked for when the time service's settings say so.
+  constexpr const char* kAutomatic = "auto=true";
+  constexpr usize kAutomaticLength = text_length(kAutomatic);
   char ntp[kNtpConfigBytes + 1];
   n = read_file("/etc/ntp.conf", ntp, sizeof ntp - 1);
-  if (n < 9) return 0;
-  return mem_find(ntp, static_cast<usize>(n), "auto=true", 9) >= 0;
+  if (n < static_cast<i64>(kAutomaticLength)) return false;
+  return mem_find(ntp, static_cast<usize>(n), kAutomatic, kAutomaticLength) >= 0;
 }
 
 i64 fetch_to_work(const char* name) {
@@ -83,7 +91,7 @@ i64 fetch_to_work(const char* name) {
 }
 
 int fetch_command(const char* name, const char* target) {
-  if (load_source_settings() != 0) return 1;
+  if (!load_source_settings(SourceKind::packages)) return 1;
   load_device_name();
   if (!fetchable_name(name)) return fail("ota: cannot fetch: ", name);
   make_work_dir();

@@ -17,13 +17,14 @@ extern char fetch_url[kUrlBytes];
 i64 run_fetch(const char* file_name, const char* local_path, u64 offset);
 // /bin/tpk with up to four words; count includes "/bin/tpk" itself.
 i64 run_tpk(const char* word1, const char* word2, const char* word3, const char* word4, u64 count);
-int sync_clock();
-int clock_needs_sync();
+// True when /bin/sntp set the clock.
+bool sync_clock();
+bool clock_needs_sync();
 // Removes the work copy of name and fetches it there; the exit code of /bin/fetch.
 i64 fetch_to_work(const char* name);
 // Whether `ota fetch` passes a file name on. The name becomes part of a path and a URL:
 // nothing that could climb out of the work directory or the source is passed on.
-inline int fetchable_name(const char* name) {
+inline bool fetchable_name(const char* name) {
   return name[0] != 0 && str_find(name, "/") < 0 && str_find(name, "..") < 0;
 }
 int fetch_command(const char* name, const char* target);

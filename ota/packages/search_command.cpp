@@ -12,11 +12,10 @@ namespace ota {
 
 int search_command() {
   catalog_fetch_failed = false;
-  int r = load_catalog(true);
-  if (r != 0) {
+  if (!load_catalog(SourceKind::packages, true)) {
     catalog_fetch_failed = true;
     write_update_state("fehler");
-    return r;
+    return 1;
   }
   u64 offered = catalog_version();
   u64 here = read_installed_version();
@@ -28,7 +27,7 @@ int search_command() {
     say_number("ota: VERSION BLOCKED -- REJECTED, offered ", offered);
     return 1;
   }
-  if (check_offered_version(offered, here, true) == 1) return 1;
+  if (!check_offered_version(offered, here, true)) return 1;
   if (package_count() == 0) return fail("ota: the VERZEICHNIS names no package", nullptr);
 
   print_out("ota: NEW VERSION available\n");
@@ -39,10 +38,10 @@ int search_command() {
   for (u64 i = 0;; i++) {
     const char* line = nth_package_line(i);
     if (line == nullptr) break;
-    int platform = package_platform(line);
-    if (platform == kOtherPlatform) other++;
-    if (platform == kNoPlatform) unmarked++;
-    if (platform != kThisPlatform) continue;
+    Platform platform = package_platform(line);
+    if (platform == Platform::other) other++;
+    if (platform == Platform::none) unmarked++;
+    if (platform != Platform::this_machine) continue;
     mine++;
     char name[kPackageFieldBytes];
     char word[kPackageFieldBytes];
@@ -79,14 +78,14 @@ int show_command() {
   print_out(spare_key_file_present() ? "ota: spare key present\n" : "ota: NO spare key\n");
 
   char generation[kNumberFileReadBytes];
-  i64 n = read_file("/system/AKTUELL", generation, sizeof generation);
-  if (n >= 8) {
+  i64 n = read_file(kCurrentGenerationPath, generation, sizeof generation);
+  if (n >= static_cast<i64>(kStoredDigits)) {
     generation[kStoredDigits] = 0;
     say_number("ota: generation ", parse_decimal(generation));
   }
   char record[kTrialReadBytes];
   if (read_trial_record(record) && record[kTrialOkOffset] == '0') {
-    record[kTrialGenerationOffset + 8] = 0;
+    record[kTrialGenerationOffset + kStoredDigits] = 0;
     say_text("ota: in trial: ", record + kTrialGenerationOffset);
   } else {
     print_out("ota: nothing in trial\n");

@@ -10,15 +10,15 @@ u64 offered_version = 0;
 bool catalog_fetch_failed = false;
 
 usize append_clock_text(char* dst, usize len) {
-  len += format_decimal(sys_system_info(kInfoYear), dst + len, 0);
+  len += format_decimal(sys_system_info(TAVI_INFO_YEAR), dst + len, 0);
   len = str_append_char(dst, len, '-');
-  len = str_append_two_digits(dst, sys_system_info(kInfoMonth));
+  len = str_append_two_digits(dst, sys_system_info(TAVI_INFO_MONTH));
   len = str_append_char(dst, len, '-');
-  len = str_append_two_digits(dst, sys_system_info(kInfoDay));
+  len = str_append_two_digits(dst, sys_system_info(TAVI_INFO_DAY));
   len = str_append_char(dst, len, ' ');
-  len = str_append_two_digits(dst, sys_system_info(kInfoHour));
+  len = str_append_two_digits(dst, sys_system_info(TAVI_INFO_HOUR));
   len = str_append_char(dst, len, ':');
-  return str_append_two_digits(dst, sys_system_info(kInfoMinute));
+  return str_append_two_digits(dst, sys_system_info(TAVI_INFO_MINUTE));
 }
 
 void write_update_state(const char* phase) {
@@ -37,27 +37,28 @@ void write_update_state(const char* phase) {
   replace_file(kUpdateStatePath, record, len);
 }
 
-int state_is_ready() {
+bool state_is_ready() {
   char text[kStateReadBytes];
   i64 n = read_file(kUpdateStatePath, text, sizeof text);
-  return n > 0 && mem_find(text, static_cast<usize>(n), "phase=bereit", 12) >= 0;
+  constexpr const char* kReady = "phase=bereit";
+  return n > 0 && mem_find(text, static_cast<usize>(n), kReady, text_length(kReady)) >= 0;
 }
 
-int check_offered_version(u64 offered, u64 here, bool verbose) {
+bool check_offered_version(u64 offered, u64 here, bool verbose) {
   if (verbose) {
     say_number("ota: version here ", here);
     say_number("ota: version there ", offered);
   }
-  if (offered > here) return 0;
+  if (offered > here) return true;
   if (offered == here && verbose) {
     print_out("ota: up to date, nothing to do\n");
-    return 1;
+    return false;
   }
   char line[96];
   usize len = str_copy(line, "ota: ROLLBACK REFUSED -- offered is ");
   len += format_decimal(offered, line + len, 0);
   str_append_at(line, len, ", this device is already at ");
-  return fail_number(line, here);
+  return report_failure_number(line, here);
 }
 
 }  // namespace ota

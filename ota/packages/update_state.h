@@ -14,8 +14,10 @@ extern u64 offered_version;
 extern bool catalog_fetch_failed;
 
 void write_update_state(const char* phase);
-int state_is_ready();
-int check_offered_version(u64 offered, u64 here, bool verbose);
+bool state_is_ready();
+// The forward-only rule: true when the offered version is newer than the one here, false
+// (with the reason printed) when it is the same or older.
+bool check_offered_version(u64 offered, u64 here, bool verbose);
 // Writes the clock as "YYYY-MM-DD hh:mm" behind dst; returns the new length.
 usize append_clock_text(char* dst, usize len);
 

@@ -4,11 +4,11 @@
 
 namespace ota {
 
-int read_trial_record(char* buf) {
+bool read_trial_record(char* buf) {
   return read_file(kTrialRecordPath, buf, kTrialReadBytes) == static_cast<i64>(kTrialRecordBytes);
 }
 
-int in_trial() {
+bool in_trial() {
   char record[kTrialReadBytes];
   return read_trial_record(record) && record[kTrialOkOffset] == '0';
 }

@@ -18,21 +18,21 @@ i64 read_file(const char* path, void* buf, usize cap) {
   return static_cast<i64>(got);
 }
 
-int write_fd_all(int fd, const void* data, usize n) {
+bool write_fd_all(int fd, const void* data, usize n) {
   const u8* p = static_cast<const u8*>(data);
   usize done = 0;
   while (done < n) {
     i64 w = sys_write(fd, p + done, n - done);
-    if (w <= 0) return 0;
+    if (w <= 0) return false;
     done += static_cast<usize>(w);
   }
-  return 1;
+  return true;
 }
 
-int write_file(const char* path, const void* data, usize n) {
+bool write_file(const char* path, const void* data, usize n) {
   u64 fd = sys_open(path, kOpenCreate);
-  if (is_error(fd)) return 0;
-  int ok = write_fd_all(static_cast<int>(fd), data, n);
+  if (is_error(fd)) return false;
+  bool ok = write_fd_all(static_cast<int>(fd), data, n);
   sys_close(static_cast<int>(fd));
   return ok;
 }
@@ -58,29 +58,29 @@ i64 read_replaced_file(const char* path, void* buf, usize cap) {
   return n;
 }
 
-int replace_file(const char* path, const void* data, usize n) {
+bool replace_file(const char* path, const void* data, usize n) {
   usize len = str_len(path);
   if (len != 0 && len < kReplacePathLimit) {
     temporary_name(path);
     remove_file(temporary);
     if (!write_file(temporary, data, n)) {
       remove_file(temporary);
-      return 0;
+      return false;
     }
     // The kernel's rename does not replace an existing file, so the target goes first.
     remove_file(path);
-    if (!is_error(sys_rename(temporary, path))) return 1;
+    if (!is_error(sys_rename(temporary, path))) return true;
     remove_file(temporary);
   }
   remove_file(path);
   return write_file(path, data, n);
 }
 
-int overwrite_in_place(const char* path, const void* data, usize n) {
+bool overwrite_in_place(const char* path, const void* data, usize n) {
   u64 fd = sys_open(path, kOpenReadWrite);
   if (is_error(fd)) fd = sys_open(path, kOpenCreate);
-  if (is_error(fd)) return 0;
-  int ok = 0;
+  if (is_error(fd)) return false;
+  bool ok = false;
   if (!is_error(sys_lseek(static_cast<int>(fd), 0))) ok = write_fd_all(static_cast<int>(fd), data, n);
   sys_close(static_cast<int>(fd));
   sys_sync();
@@ -90,7 +90,7 @@ int overwrite_in_place(const char* path, const void* data, usize n) {
 u64 read_number_file(const char* path) {
   char buf[kNumberFileReadBytes];
   i64 n = read_file(path, buf, sizeof buf);
-  if (n < 8) return 0;
+  if (n < static_cast<i64>(kStoredDigits)) return 0;
   u64 v = 0;
   for (int i = 0; i < static_cast<int>(kStoredDigits); i++) {
     if (buf[i] < '0' || buf[i] > '9') return 0;
@@ -107,10 +107,10 @@ void format_eight_digits(char* out, u64 v) {
   }
 }
 
-int write_number_file(const char* path, u64 v) {
-  char buf[9];
+bool write_number_file(const char* path, u64 v) {
+  char buf[kStoredDigits + 1];
   format_eight_digits(buf, v);
-  buf[8] = '\n';
+  buf[kStoredDigits] = '\n';
   return overwrite_in_place(path, buf, sizeof buf);
 }
 
@@ -134,11 +134,11 @@ void work_path(char* out, const char* name) {
 
 void make_work_dir() { make_directory(kWorkDir); }
 
-int file_exists(const char* path) {
+bool file_exists(const char* path) {
   u64 fd = sys_open(path, kOpenRead);
-  if (is_error(fd)) return 0;
+  if (is_error(fd)) return false;
   sys_close(static_cast<int>(fd));
-  return 1;
+  return true;
 }
 
 const char* find_line(const char* text, usize len, const char* prefix) {
@@ -151,19 +151,19 @@ const char* find_line(const char* text, usize len, const char* prefix) {
   return nullptr;
 }
 
-int value_of(const char* text, usize len, const char* key, char* out, usize cap) {
-  if (len == 0) return 0;
+bool value_of(const char* text, usize len, const char* key, char* out, usize cap) {
+  if (len == 0) return false;
   usize klen = str_len(key);
   usize i = 0;
   for (;; i++) {
-    if (i >= len) return 0;
+    if (i >= len) return false;
     if (i != 0 && text[i - 1] != '\n') continue;
     if (i + klen <= len && mem_equal(text + i, key, klen)) break;
   }
   usize v = i + klen;
   if (v >= len) {
     if (cap > 0) out[0] = 0;
-    return 0;
+    return false;
   }
   usize n = 0;
   while (v + n < len && n + 1 < cap && text[v + n] != '\n' && text[v + n] != '\r') {
@@ -171,7 +171,7 @@ int value_of(const char* text, usize len, const char* key, char* out, usize cap)
     n++;
   }
   if (cap > 0) out[n] = 0;
-  return n > 0 ? 1 : 0;
+  return n > 0;
 }
 
 u64 number_of(const char* text, usize len, const char* key, u64 fallback) {

@@ -11,14 +11,14 @@ namespace ota {
 constexpr const char* kWorkDir = "/tmp/ota";
 
 i64 read_file(const char* path, void* buf, usize cap);
-int write_file(const char* path, const void* data, usize n);
-int replace_file(const char* path, const void* data, usize n);
+bool write_file(const char* path, const void* data, usize n);
+bool replace_file(const char* path, const void* data, usize n);
 // read_file for a file kept with replace_file: when the file is missing but its temporary
 // file is there, the interrupted replacement is finished first.
 i64 read_replaced_file(const char* path, void* buf, usize cap);
-int overwrite_in_place(const char* path, const void* data, usize n);
+bool overwrite_in_place(const char* path, const void* data, usize n);
 u64 read_number_file(const char* path);
-int write_number_file(const char* path, u64 v);
+bool write_number_file(const char* path, u64 v);
 // The last eight decimal digits of v, zero-padded, into out[0..7] (no closing 0): the
 // form of every number file and of the records that carry versions and generations.
 void format_eight_digits(char* out, u64 v);
@@ -27,13 +27,14 @@ void remove_file(const char* path);
 void make_directory(const char* path);
 void work_path(char* out, const char* name);
 void make_work_dir();
-// Writes all n bytes to an open descriptor; 1 done, 0 a write failed or wrote nothing.
-int write_fd_all(int fd, const void* data, usize n);
+// Writes all n bytes to an open descriptor; false when a write failed or wrote nothing.
+bool write_fd_all(int fd, const void* data, usize n);
 // Whether the path can be opened for reading.
-int file_exists(const char* path);
+bool file_exists(const char* path);
 
 const char* find_line(const char* text, usize len, const char* prefix);
-int value_of(const char* text, usize len, const char* key, char* out, usize cap);
+// True when the key's value is not empty; out gets it, cut to cap - 1 bytes.
+bool value_of(const char* text, usize len, const char* key, char* out, usize cap);
 u64 number_of(const char* text, usize len, const char* key, u64 fallback);
 
 }  // namespace ota

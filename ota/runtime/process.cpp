@@ -31,27 +31,27 @@ u64 pack_name8(const char* name) {
   return packed;
 }
 
-int slot_is_live(u64 slot) {
-  u64 state = sys_task_info(slot, kTaskState);
-  return !is_error(state) && state != 0 && state != 5;
+bool slot_is_live(u64 slot) {
+  u64 state = sys_task_info(slot, TAVI_TASK_STATE);
+  return !is_error(state) && state != TAVI_TASK_FREE && state != TAVI_TASK_ENDED;
 }
 
-int task_named(const char* name) {
+bool task_named(const char* name) {
   u64 wanted = pack_name8(name);
   for (u64 slot = 0; slot < kHealthSlots; slot++) {
     if (!slot_is_live(slot)) continue;
-    if (sys_task_info(slot, kTaskNameLow) == wanted) return 1;
+    if (sys_task_info(slot, TAVI_TASK_NAME_LOW) == wanted) return true;
   }
-  return 0;
+  return false;
 }
 
 namespace {
 
-// The slot's whole 16-byte name, closed with a 0.
-void slot_name(u64 slot, char out[17]) {
-  u64 words[2] = {sys_task_info(slot, kTaskNameLow), sys_task_info(slot, kTaskNameHigh)};
-  for (int i = 0; i < 16; i++) out[i] = static_cast<char>((words[i / 8] >> (8 * (i % 8))) & 255);
-  out[16] = 0;
+// The slot's whole name, closed with a 0.
+void slot_name(u64 slot, char out[TAVI_TASK_NAME_BYTES + 1]) {
+  u64 words[2] = {sys_task_info(slot, TAVI_TASK_NAME_LOW), sys_task_info(slot, TAVI_TASK_NAME_HIGH)};
+  for (int i = 0; i < TAVI_TASK_NAME_BYTES; i++) out[i] = static_cast<char>((words[i / 8] >> (8 * (i % 8))) & 255);
+  out[TAVI_TASK_NAME_BYTES] = 0;
 }
 
 }  // namespace
@@ -60,23 +60,23 @@ u64 end_tasks_named(const char* name) {
   u64 ended = 0;
   for (u64 slot = 0; slot < kTaskSlots; slot++) {
     if (!slot_is_live(slot)) continue;
-    char task[17];
+    char task[TAVI_TASK_NAME_BYTES + 1];
     slot_name(slot, task);
     if (!str_equal(task, name)) continue;
-    u64 pid = sys_task_info(slot, kTaskPid);
+    u64 pid = sys_task_info(slot, TAVI_TASK_PID);
     if (!is_error(sys_end_task(pid, kEndTaskStatus))) ended++;
   }
   return ended;
 }
 
-int is_own_task(u64 pid) {
-  if (pid == 0 || pid == sys_getpid()) return 0;
+bool is_own_task(u64 pid) {
+  if (pid == 0 || pid == sys_getpid()) return false;
   for (u64 slot = 0; slot < kTaskSlots; slot++) {
     if (!slot_is_live(slot)) continue;
-    if (sys_task_info(slot, kTaskPid) != pid) continue;
-    return sys_task_info(slot, kTaskNameLow) == pack_name8("ota") && sys_task_info(slot, kTaskNameHigh) == 0;
+    if (sys_task_info(slot, TAVI_TASK_PID) != pid) continue;
+    return sys_task_info(slot, TAVI_TASK_NAME_LOW) == pack_name8("ota") && sys_task_info(slot, TAVI_TASK_NAME_HIGH) == 0;
   }
-  return 0;
+  return false;
 }
 
 void redirect_output(const char* log_path) {
@@ -100,7 +100,7 @@ i64 go_background(const char* log_path) {
 
 void restart_now() {
   sys_sync();
-  sys_reboot(kRebootRestart);
+  sys_reboot(TAVI_RESTART);
 }
 
 }  // namespace ota

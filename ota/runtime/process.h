@@ -7,7 +7,8 @@
 
 namespace ota {
 
-// Status every ended task gets from end_task.
+// The status every task ended by end_task gets: that of a task killed by signal 9
+// (128 + 9), which is what ending it from outside is.
 constexpr u64 kEndTaskStatus = 137;
 // The start-up check looks at kHealthSlots slots, the scans that end tasks or look for a
 // background apply at kTaskSlots; the two differ on purpose.
@@ -18,10 +19,10 @@ void sleep_ms(u64 ms);
 // The first up to 8 bytes of name, first byte lowest, zero bytes after a shorter name.
 u64 pack_name8(const char* name);
 // Whether a task-table slot holds a live task (state call succeeded, state not 0 or 5).
-int slot_is_live(u64 slot);
-int task_named(const char* name);
+bool slot_is_live(u64 slot);
+bool task_named(const char* name);
 u64 end_tasks_named(const char* name);
-int is_own_task(u64 pid);
+bool is_own_task(u64 pid);
 // fork: the child's id in the parent, 0 in the child (its output now goes to log_path),
 // or -1 when the fork failed.
 i64 go_background(const char* log_path);

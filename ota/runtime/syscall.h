@@ -6,6 +6,8 @@
 
 #include <stdint.h>
 
+#include "tavi_abi.h"
+
 #ifdef OTA_HOST_BUILD
 #include <errno.h>
 #endif
@@ -42,36 +44,13 @@ constexpr u64 kSysMount = 165;
 constexpr u64 kSysUmount2 = 166;
 constexpr u64 kSysReboot = 169;
 
-// Calls of the tavi kernel.
-constexpr u64 kSysSpawn = 1001;
-constexpr u64 kSysSystemInfo = 1002;
-constexpr u64 kSysTaskInfo = 1003;
-constexpr u64 kSysEndTask = 1004;
-constexpr u64 kSysFsGrow = 1880;
-constexpr u64 kSysNotify = 1960;
+// The tavi kernel's own calls (spawn, system_info, task_info, end_task, fs_grow, notify)
+// and their selectors are in tavi_abi.h, shared with the simulator that answers them.
 
 // Open flags the program uses, and nothing else.
 constexpr u64 kOpenRead = 0;
 constexpr u64 kOpenReadWrite = 2;
 constexpr u64 kOpenCreate = 577;  // write-only, create, truncate
-
-// The restart command of reboot: the only argument, no magic numbers before it.
-constexpr u64 kRebootRestart = 0x1234567;
-
-// Selectors of system_info (1002).
-constexpr u64 kInfoFreeBlocks = 5;
-constexpr u64 kInfoBlockSize = 8;
-constexpr u64 kInfoYear = 12;
-constexpr u64 kInfoMonth = 13;
-constexpr u64 kInfoDay = 14;
-constexpr u64 kInfoHour = 15;
-constexpr u64 kInfoMinute = 16;
-
-// Fields of task_info (1003).
-constexpr u64 kTaskState = 0;
-constexpr u64 kTaskPid = 1;
-constexpr u64 kTaskNameLow = 10;
-constexpr u64 kTaskNameHigh = 11;
 
 constexpr bool is_error(u64 r) { return r >= static_cast<u64>(-4095); }
 
@@ -83,7 +62,7 @@ extern i64 last_error;
 // restart the machine it runs on, and Linux does not know the tavi numbers, so these
 // calls are refused before they reach the kernel.
 constexpr bool call_is_refused(u64 n) {
-  return n == kSysMount || n == kSysUmount2 || n == kSysReboot || n >= 1000;
+  return n == kSysMount || n == kSysUmount2 || n == kSysReboot || n >= TAVI_SPAWN;
 }
 #define OTA_REFUSE(n) \
   if (call_is_refused(n)) return static_cast<u64>(-ENOSYS)
@@ -212,14 +191,14 @@ inline u64 sys_mount(const char* device, const char* target, const char* type) {
 inline u64 sys_umount2(const char* target) { return syscall(kSysUmount2, word(target), 0); }
 inline u64 sys_reboot(u64 command) { return syscall(kSysReboot, command, 0, 0); }
 inline u64 sys_spawn(const char* path, const char* const* words, u64 count) {
-  return syscall(kSysSpawn, word(path), word(words), count);
+  return syscall(TAVI_SPAWN, word(path), word(words), count);
 }
-inline u64 sys_system_info(u64 selector) { return syscall(kSysSystemInfo, selector, 0, 0); }
-inline u64 sys_task_info(u64 slot, u64 field) { return syscall(kSysTaskInfo, slot, field, 0); }
-inline u64 sys_end_task(u64 pid, u64 status) { return syscall(kSysEndTask, pid, status, 0); }
-inline u64 sys_fs_grow(u64 operation, u64 argument) { return syscall(kSysFsGrow, operation, argument, 0, 0, 0); }
+inline u64 sys_system_info(u64 selector) { return syscall(TAVI_SYSTEM_INFO, selector, 0, 0); }
+inline u64 sys_task_info(u64 slot, u64 field) { return syscall(TAVI_TASK_INFO, slot, field, 0); }
+inline u64 sys_end_task(u64 pid, u64 status) { return syscall(TAVI_END_TASK, pid, status, 0); }
+inline u64 sys_fs_grow(u64 operation, u64 argument) { return syscall(TAVI_FS_GROW, operation, argument, 0, 0, 0); }
 inline u64 sys_notify(const char* text, u64 length) {
-  return syscall(kSysNotify, 19, 1, word(text), length, 0);
+  return syscall(TAVI_NOTIFY, TAVI_NOTIFY_POST, TAVI_NOTIFY_POST_WORD, word(text), length, 0);
 }
 
 struct SleepRequest {

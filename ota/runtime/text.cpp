@@ -46,35 +46,30 @@ usize str_append_decimal(char* dst, u64 v) {
   return len + format_decimal(v, dst + len, 1);
 }
 
-usize str_append_unsigned(char* dst, u64 v) {
-  usize len = str_len(dst);
-  return len + format_decimal(v, dst + len, 0);
-}
-
 usize str_append_two_digits(char* dst, u64 v) {
   usize len = str_len(dst);
   len = str_append_char(dst, len, static_cast<char>('0' + (v / 10) % 10));
   return str_append_char(dst, len, static_cast<char>('0' + v % 10));
 }
 
-int str_equal(const char* a, const char* b) {
+bool str_equal(const char* a, const char* b) {
   usize i = 0;
   for (;;) {
-    if (a[i] != b[i]) return 0;
-    if (a[i] == 0) return 1;
+    if (a[i] != b[i]) return false;
+    if (a[i] == 0) return true;
     i++;
   }
 }
 
-int str_equal_n(const char* a, const char* b, usize n) {
+bool str_equal_n(const char* a, const char* b, usize n) {
   for (usize i = 0; i < n; i++) {
-    if (a[i] != b[i]) return 0;
-    if (a[i] == 0) return 1;
+    if (a[i] != b[i]) return false;
+    if (a[i] == 0) return true;
   }
-  return 1;
+  return true;
 }
 
-int str_starts_with(const char* a, const char* b) { return str_equal_n(a, b, str_len(b)); }
+bool str_starts_with(const char* a, const char* b) { return str_equal_n(a, b, str_len(b)); }
 
 i64 str_find(const char* hay, const char* needle) {
   return mem_find(hay, str_len(hay), needle, str_len(needle));
@@ -91,13 +86,13 @@ void mem_fill(void* dst, u8 byte, usize n) {
   for (usize i = 0; i < n; i++) d[i] = byte;
 }
 
-int mem_equal(const void* a, const void* b, usize n) {
+bool mem_equal(const void* a, const void* b, usize n) {
   const u8* x = static_cast<const u8*>(a);
   const u8* y = static_cast<const u8*>(b);
   for (usize i = 0; i < n; i++) {
-    if (x[i] != y[i]) return 0;
+    if (x[i] != y[i]) return false;
   }
-  return 1;
+  return true;
 }
 
 i64 mem_find(const char* hay, usize len, const char* needle, usize n) {
@@ -205,11 +200,16 @@ int fail(const char* msg, const char* extra) {
   return 1;
 }
 
-int fail_number(const char* msg, u64 v) {
+bool report_failure(const char* msg, const char* extra) {
+  fail(msg, extra);
+  return false;
+}
+
+bool report_failure_number(const char* msg, u64 v) {
   char digits[kDecimalBytes];
   usize n = format_decimal(v, digits, 0);
   emit_line(2, msg, digits, n);
-  return 1;
+  return false;
 }
 
 }  // namespace ota

@@ -6,7 +6,8 @@
 
 namespace ota {
 
-int system_apply(bool restart);
+// In the background apply the state file says "done" before a restart.
+int system_apply(bool restart, bool in_background);
 int apply_without_kernel();
 bool fetch_kernel_to_slot_b();
 bool slot_a_is_offered_kernel();

@@ -10,10 +10,14 @@ namespace ota {
 
 namespace {
 
+// The state file's one line: this key, then the state word (and for a running apply the
+// child's id).
+constexpr const char* kStateKey = "state=";
+constexpr usize kStateKeyLength = text_length(kStateKey);
 constexpr const char* kRunning = "state=running";
-constexpr usize kRunningLength = 13;
+constexpr usize kRunningLength = text_length(kRunning);
 constexpr const char* kRunningWithPid = "state=running pid=";
-constexpr usize kRunningWithPidLength = 18;
+constexpr usize kRunningWithPidLength = text_length(kRunningWithPid);
 
 struct ApplyState {
   char text[kApplyStateBytes + 1];
@@ -80,8 +84,7 @@ int apply_in_background(bool restart, bool force) {
   str_append_char(line, len, '\n');
   write_apply_state(line);
   redirect_output(kApplyLogPath);
-  system_background = true;
-  int r = system_apply(restart);
+  int r = system_apply(restart, true);
   write_apply_state(r == 0 ? "state=done\n" : "state=failed\n");
   return r;
 }
@@ -89,9 +92,10 @@ int apply_in_background(bool restart, bool force) {
 void apply_report() {
   ApplyState state;
   read_apply_state(&state);
-  if (state.length < 7) return;
+  // A file that holds no more than the key says nothing.
+  if (state.length <= static_cast<i64>(kStateKeyLength)) return;
   print_out("system: apply ");
-  print_bytes(state.text + 6, static_cast<usize>(state.length - 6));
+  print_bytes(state.text + kStateKeyLength, static_cast<usize>(state.length) - kStateKeyLength);
   if (state_running(state) && !alive(state)) {
     print_out("system: apply state is stale (the task is gone), use: ota system apply bg force\n");
   }

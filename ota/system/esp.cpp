@@ -16,16 +16,16 @@ namespace {
 // Tried in this order: SATA/SCSI, then NVMe, then the old IDE name.
 constexpr const char* kCandidates[] = {"/dev/sda1", "/dev/nvme01", "/dev/hda1"};
 
-// The SHA-256 of a file as 64 lowercase hex digits; 0 when it cannot be opened.
-int file_sha256_hex(const char* path, char out[65]) {
-  u8 digest[32];
-  if (!sha256_file(path, digest)) return 0;
+// The SHA-256 of a file as 64 lowercase hex digits; false when it cannot be opened.
+bool file_sha256_hex(const char* path, char out[kDigestHexBytes]) {
+  u8 digest[kSha256DigestBytes];
+  if (!sha256_file(path, digest)) return false;
   sha256_hex(digest, out);
-  return 1;
+  return true;
 }
 
 void report_hash(const char* label, const char* path) {
-  char hex[65];
+  char hex[kDigestHexBytes];
   say_text(label, file_sha256_hex(path, hex) ? hex : "absent");
 }
 

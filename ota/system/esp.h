@@ -8,7 +8,6 @@
 namespace ota {
 
 constexpr const char* kEspMount = "/sysesp";
-constexpr const char* kMenuPath = "/sysesp/limine.conf";
 
 extern char slot_a_path[kSlotPathBytes];
 extern char slot_b_path[kSlotPathBytes];

@@ -9,12 +9,11 @@
 #include "system/background.h"
 #include "system/pending.h"
 #include "trust/catalog_text.h"
+#include "trust/sha256.h"
 
 namespace ota {
 
 SystemManifest manifest;
-bool system_quiet = false;
-bool system_background = false;
 
 namespace {
 
@@ -32,11 +31,11 @@ void read_entry(const char* line, ManifestFile* entry) {
 
 }  // namespace
 
-int parse_system_manifest() {
+bool parse_system_manifest() {
   const char* line = find_catalog_line(kSystemTag, text_length(kSystemTag), 0);
-  if (line == nullptr) return fail("ota: this source offers no system update (no system line)", nullptr);
+  if (line == nullptr) return report_failure("ota: this source offers no system update (no system line)", nullptr);
   char text[kBuildFieldBytes];
-  if (!line_field(line, 0, text, sizeof text)) return fail("ota: system list line unreadable: ", kSystemTag);
+  if (!line_field(line, 0, text, sizeof text)) return report_failure("ota: system list line unreadable: ", kSystemTag);
   manifest.build = parse_decimal(text);
   line_field(line, 1, manifest.commit, sizeof manifest.commit);
   manifest.min_from = line_field(line, 2, text, sizeof text) ? parse_decimal(text) : 0;
@@ -64,18 +63,14 @@ int parse_system_manifest() {
       manifest.unknown_entry = true;
     }
   }
-  if (manifest.kernel.size == 0 || manifest.kernel.name[0] == 0 || str_len(manifest.kernel.sha) != 64) {
-    return fail("ota: system manifest has no kernel entry", nullptr);
+  if (manifest.kernel.size == 0 || manifest.kernel.name[0] == 0 || str_len(manifest.kernel.sha) != kDigestHexLength) {
+    return report_failure("ota: system manifest has no kernel entry", nullptr);
   }
-  return 0;
+  return true;
 }
 
-int check_system_update(bool verbose) {
-  system_mode = true;
-  int r = load_catalog(verbose);
-  system_mode = false;
-  if (r != 0) return r;
-  if (parse_system_manifest() != 0) return 1;
+SystemCheck check_system_update(bool verbose) {
+  if (!load_catalog(SourceKind::system, verbose) || !parse_system_manifest()) return SystemCheck::nothing;
   u64 installed = read_number_file(kSystemVersionPath);
   if (verbose) {
     say_number("system: installed build ", installed);
@@ -85,24 +80,24 @@ int check_system_update(bool verbose) {
   if (manifest.build <= installed) {
     if (verbose) print_out("system: up to date\n");
     write_system_status("current");
-    return 1;
+    return SystemCheck::nothing;
   }
-  if (manifest.min_from <= installed) return 0;
+  if (manifest.min_from <= installed) return SystemCheck::offered;
   say_number("ota: this system is too old for an incremental update (min_from): ", manifest.min_from);
-  return 2;
+  return SystemCheck::too_old;
 }
 
-void fetch_system_notes() {
+void fetch_system_notes(bool quiet) {
   const ManifestFile& notes = manifest.notes;
   if (notes.size == 0 || notes.size > kNotesLimit || notes.name[0] == 0) return;
   if (!download_package(notes.name, notes.size, notes.sha)) return;
-  char local[kEntryNameBytes + 16];
+  char local[kEntryWorkPathBytes];
   work_path(local, notes.name);
   char text[kNotesLimit];
   i64 n = read_file(local, text, sizeof text);
   if (n >= 1) {
     replace_file(kSystemNotesPath, text, static_cast<usize>(n));
-    if (!system_quiet) {
+    if (!quiet) {
       print_out("system: changes:\n");
       print_bytes(text, static_cast<usize>(n));
     }
@@ -125,20 +120,19 @@ void write_system_status(const char* phase) {
 }
 
 int system_search() {
-  int r = check_system_update(true);
-  if (r != 0) return r;
+  SystemCheck check = check_system_update(true);
+  if (check != SystemCheck::offered) return exit_status(check);
   print_out("system: update available\n");
-  fetch_system_notes();
+  fetch_system_notes(false);
   write_system_status("available");
   return 0;
 }
 
-int system_background_check() {
-  if (in_trial() || system_trial_pending()) return 1;
-  system_quiet = true;
-  int r = check_system_update(false);
-  if (r == 0) {
-    fetch_system_notes();
+SystemCheck system_background_check() {
+  if (in_trial() || system_trial_pending()) return SystemCheck::nothing;
+  SystemCheck check = check_system_update(false);
+  if (check == SystemCheck::offered) {
+    fetch_system_notes(true);
     write_system_status("available");
     if (read_number_file(kSystemNotifiedPath) != manifest.build) {
       char notice[kNoticeBytes];
@@ -149,8 +143,7 @@ int system_background_check() {
       write_number_file(kSystemNotifiedPath, manifest.build);
     }
   }
-  system_quiet = false;
-  return r;
+  return check;
 }
 
 int system_status() {

@@ -30,17 +30,22 @@ struct SystemManifest {
 };
 extern SystemManifest manifest;
 
-// Set only during the periodic check: release notes are then kept but not printed.
-extern bool system_quiet;
-// Set in the forked background apply.
-extern bool system_background;
+// What the update check found: a newer build that may be installed; nothing (up to date,
+// or the fetch or the parse failed); a newer build this one is too old to update to. The
+// values are the exit statuses `ota system search` ends with.
+enum class SystemCheck { offered = 0, nothing = 1, too_old = 2 };
+constexpr int exit_status(SystemCheck check) { return static_cast<int>(check); }
 
-int parse_system_manifest();
-int check_system_update(bool verbose);
-void fetch_system_notes();
+// False, with the reason printed, when the manifest has no usable system or kernel line.
+bool parse_system_manifest();
+SystemCheck check_system_update(bool verbose);
+// Quiet (the periodic check) keeps the notes without printing them.
+void fetch_system_notes(bool quiet);
 void write_system_status(const char* phase);
 int system_search();
-int system_background_check();
+// The service loop's periodic check: nothing while a trial is open or pending; otherwise
+// the check, quiet, with a desktop notice once per newly offered build.
+SystemCheck system_background_check();
 int system_status();
 
 }  // namespace ota

@@ -18,18 +18,13 @@ char menu_text[kMenuTextBytes];
 char menu_output[kMenuOutputBytes];
 u8 copy_block[kCopyBlockBytes];
 
-// The menu on the mounted partition, and the new menu while it is being written.
-constexpr const char* kMenuFile = "/sysesp/limine.conf";
-constexpr const char* kNewMenuFile = "/sysesp/limine.nw";
-
 constexpr char kPathPrefix[] = "path: boot():";
 constexpr usize kPathPrefixLength = text_length(kPathPrefix);
 constexpr char kDefaultKey[] = "default_entry:";
 constexpr usize kDefaultKeyLength = text_length(kDefaultKey);
-constexpr char kDefaultTwo[] = "default_entry: 2";
 constexpr usize kDefaultTwoLength = text_length(kDefaultTwo);
-// The digit of "default_entry: 2", counted from its first byte.
-constexpr usize kDefaultDigitOffset = 15;
+// The digit of "default_entry: 2", counted from its first byte: its last.
+constexpr usize kDefaultDigitOffset = kDefaultTwoLength - 1;
 constexpr const char* kSlotAEnding = "/tavi.mb";
 constexpr const char* kSlotBEnding = "/tavi-b.mb";
 // Below this the output could not even hold the added default line and a short entry.
@@ -214,29 +209,21 @@ int check_and_add_entry_b(const char* text, usize n, char* out, usize capacity) 
   return 0;
 }
 
-// Failures of these operations go to standard error through fail, like every failure line
-// of the program; the caller undoes its own steps after a false result.
+// Failures of these operations go to standard error, like every failure line of the
+// program; the caller undoes its own steps after a false result.
 bool install_entry_b_at(const char* menu_path, const char* new_path) {
   i64 n = read_file(menu_path, menu_text, kMenuTextBytes);
   if (n <= 0 || static_cast<usize>(n) >= kMenuTextBytes) {
-    fail(kUnsupported, menu_reason_text(kMenuTooLarge));
-    return false;
+    return report_failure(kUnsupported, menu_reason_text(kMenuTooLarge));
   }
   int code = check_and_add_entry_b(menu_text, static_cast<usize>(n), menu_output, kMenuOutputBytes);
-  if (code != 0) {
-    fail(kUnsupported, menu_reason_text(code));
-    return false;
-  }
+  if (code != 0) return report_failure(kUnsupported, menu_reason_text(code));
   usize length = new_length;
-  if (!write_file(new_path, menu_output, length)) {
-    fail(kCouldNotWrite, nullptr);
-    return false;
-  }
+  if (!write_file(new_path, menu_output, length)) return report_failure(kCouldNotWrite, nullptr);
   sys_sync();
   if (file_size(new_path) != length) {
     remove_file(new_path);
-    fail(kCouldNotWrite, nullptr);
-    return false;
+    return report_failure(kCouldNotWrite, nullptr);
   }
   // FAT does not replace a file by renaming over it, so the old menu goes first. Should the
   // rename still fail, the menu is written directly rather than left missing.
@@ -254,7 +241,7 @@ bool install_entry_b_at(const char* menu_path, const char* new_path) {
   return false;
 }
 
-bool install_entry_b() { return install_entry_b_at(kMenuFile, kNewMenuFile); }
+bool install_entry_b() { return install_entry_b_at(kMenuPath, kNewMenuPath); }
 
 bool reset_default_entry_at(const char* menu_path) {
   i64 n = read_file(menu_path, menu_text, kMenuTextBytes);
@@ -273,7 +260,7 @@ bool reset_default_entry_at(const char* menu_path) {
   return written == 1;
 }
 
-bool reset_default_entry() { return reset_default_entry_at(kMenuFile); }
+bool reset_default_entry() { return reset_default_entry_at(kMenuPath); }
 
 bool copy_file(const char* source, const char* target) {
   u64 in = sys_open(source, kOpenRead);

@@ -17,6 +17,14 @@ namespace ota {
 // device_limits.h. A menu that fills its whole buffer may have been cut, so the callers
 // refuse it.
 
+// The menu on the ESP as mount_esp mounts it (at /sysesp), and the new menu while it is
+// being written.
+constexpr const char* kMenuPath = "/sysesp/limine.conf";
+constexpr const char* kNewMenuPath = "/sysesp/limine.nw";
+// The default line of a menu that starts entry B. reset_default_entry rewrites its last
+// byte, the digit, and a menu without it no longer starts the trial entry.
+constexpr char kDefaultTwo[] = "default_entry: 2";
+
 // Result codes of check_and_add_entry_b; 0 means the output holds the new menu.
 constexpr int kMenuNoFirstEntry = 1;
 constexpr int kMenuNoSlotAPath = 2;
@@ -54,8 +62,8 @@ bool reset_default_entry();
 // Copies source over target (created or truncated).
 bool copy_file(const char* source, const char* target);
 
-// The same two operations on a menu at another place; the commands use
-// /sysesp/limine.conf and /sysesp/limine.nw, the tests a scratch directory.
+// The same two operations on a menu at another place; the commands use kMenuPath and
+// kNewMenuPath, the tests a scratch directory.
 bool install_entry_b_at(const char* menu_path, const char* new_path);
 bool reset_default_entry_at(const char* menu_path);
 

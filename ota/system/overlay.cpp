@@ -151,12 +151,12 @@ bool fetch_overlay_file(const char* target, const char* name, u64 size, const ch
     line_field(gz, 1, gz_sha, sizeof gz_sha);
     line_field(gz, 2, gz_size, sizeof gz_size);
     line_field(gz, 3, gz_name, sizeof gz_name);
-    if (str_len(gz_sha) != 64 || parse_decimal(gz_size) == 0 || gz_name[0] == 0) gz = nullptr;
+    if (str_len(gz_sha) != kDigestHexLength || parse_decimal(gz_size) == 0 || gz_name[0] == 0) gz = nullptr;
   }
   if (gz == nullptr) return checked_download(name, destination, size, sha256);
 
   remove_file(destination);
-  char packed[kEntryNameBytes + 16];
+  char packed[kEntryWorkPathBytes];
   work_path(packed, gz_name);
   bool ok = checked_download(gz_name, packed, parse_decimal(gz_size), gz_sha) && gunzip_file(packed, destination);
   remove_file(packed);
@@ -165,7 +165,7 @@ bool fetch_overlay_file(const char* target, const char* name, u64 size, const ch
     return false;
   }
   if (file_size(destination) != size || !sha256_file_matches(destination, sha256)) {
-    fail("ota: unpacked file has the wrong size or hash", nullptr);
+    report_failure("ota: unpacked file has the wrong size or hash", nullptr);
     remove_file(destination);
     return false;
   }
@@ -187,26 +187,22 @@ bool stage_overlay_files() {
   u64 sum = 0;
   for (u64 i = 0; file_entry(i, &entry); i++) sum += entry.size;
   if (sum != 0) {
-    u64 space = sys_system_info(kInfoFreeBlocks) * sys_system_info(kInfoBlockSize);
-    if (space < 2 * sum + kSpareRoom) {
-      fail("ota: not enough free space for the overlay files", nullptr);
-      return false;
-    }
+    u64 space = sys_system_info(TAVI_INFO_FREE_BLOCKS) * sys_system_info(TAVI_INFO_BLOCK_SIZE);
+    if (space < 2 * sum + kSpareRoom) return report_failure("ota: not enough free space for the overlay files", nullptr);
   }
   make_directory(kStagingDir);
   make_directory(kBackupDir);
   bool ok = true;
   for (u64 i = 0; ok && file_entry(i, &entry); i++) {
-    if (!valid_target(entry.target) || str_len(entry.sha) != 64 || entry.size == 0 || entry.name[0] == 0) {
-      fail("ota: bad overlay entry in the signed list", nullptr);
-      ok = false;
+    if (!valid_target(entry.target) || str_len(entry.sha) != kDigestHexLength || entry.size == 0 ||
+        entry.name[0] == 0) {
+      ok = report_failure("ota: bad overlay entry in the signed list", nullptr);
       break;
     }
     char staged[kPathBytes];
     staging_path(kStagingDir, entry.target, staged);
     if (!fetch_overlay_file(entry.target, entry.name, entry.size, entry.sha, staged)) {
-      fail("ota: overlay file download or check failed: ", entry.target);
-      ok = false;
+      ok = report_failure("ota: overlay file download or check failed: ", entry.target);
       break;
     }
     sys_chmod(staged, target_is_executable(entry.target) ? kExecutableMode : kPlainMode);
@@ -214,10 +210,7 @@ bool stage_overlay_files() {
   char path[kLinkBytes];
   char target[kLinkBytes];
   for (u64 i = 0; ok && link_entry(i, path, target); i++) {
-    if (!valid_link(path, target)) {
-      fail("ota: bad overlay entry in the signed list", nullptr);
-      ok = false;
-    }
+    if (!valid_link(path, target)) ok = report_failure("ota: bad overlay entry in the signed list", nullptr);
   }
   if (!ok) clean_staging();
   return ok;

@@ -13,20 +13,18 @@ namespace ota {
 
 namespace {
 
-
 // The value text after key in the record, or null.
 const char* after_key(const char* text, usize len, const char* key) {
   i64 at = mem_find(text, len, key, str_len(key));
   return at < 0 ? nullptr : text + at + str_len(key);
 }
 
-
-int roll_back() {
+SystemTrialDecision roll_back() {
   remove_file(kSystemPendingPath);
   restore_overlay();
   write_system_status("failed");
   print_out("system: trial kernel was rolled back, update dropped\n");
-  return 2;
+  return SystemTrialDecision::dropped;
 }
 
 }  // namespace
@@ -35,20 +33,20 @@ bool arm_system_trial() {
   char text[kCurrentGenerationReadBytes];
   i64 n = read_file(kCurrentGenerationPath, text, sizeof text);
   u64 generation = 0;
-  if (n < 8) {
+  if (n < static_cast<i64>(kStoredDigits)) {
     if (!write_number_file(kCurrentGenerationPath, 0)) return false;
   } else {
     // The digits among the first eight characters, in order; anything else is skipped.
-    for (int i = 0; i < 8; i++) {
+    for (usize i = 0; i < kStoredDigits; i++) {
       if (text[i] >= '0' && text[i] <= '9') generation = generation * 10 + static_cast<u64>(text[i] - '0');
     }
   }
   char record[kTrialRecordBytes + 1];
   usize len = str_copy(record, "gen=");
   format_eight_digits(record + len, generation);
-  len = str_append_at(record, len + 8, " vor=");
+  len = str_append_at(record, len + kStoredDigits, " vor=");
   format_eight_digits(record + len, generation);
-  len = str_append_at(record, len + 8, " v=00 ok=0\n");
+  len = str_append_at(record, len + kStoredDigits, " v=00 ok=0\n");
   if (len != kTrialRecordBytes) return false;
   return replace_file(kTrialRecordPath, record, len);
 }
@@ -70,6 +68,7 @@ bool write_pending_record() {
 }
 
 bool system_trial_pending() {
+  // One byte is enough to say a record is there; it is read up to eight.
   char text[8];
   return read_file(kSystemPendingPath, text, sizeof text) >= 1;
 }
@@ -83,14 +82,15 @@ bool running_kernel_is(const char* commit7) {
   return build != nullptr && mem_equal(build, commit7, kCommitPrefix);
 }
 
-int confirm_system_update() {
-  // Zero-filled, so values near the end of a short record compare as zero bytes.
-  char record[kPendingBytes + 80];
+SystemTrialDecision confirm_system_update() {
+  // Zero-filled, so values near the end of a short record compare as zero bytes; the room
+  // behind the record holds the longest value read after a key at its very end, the hash.
+  char record[kPendingBytes + kDigestHexLength];
   mem_fill(record, 0, sizeof record);
   i64 n = read_file(kSystemPendingPath, record, kPendingBytes);
   if (n <= 0) {
     restore_overlay();
-    return 0;
+    return SystemTrialDecision::undecided;
   }
   usize len = static_cast<usize>(n);
   const char* count = after_key(record, len, kPendingCountKey);
@@ -99,30 +99,30 @@ int confirm_system_update() {
   if (count == nullptr || commit == nullptr || sha == nullptr) {
     remove_file(kSystemPendingPath);
     restore_overlay();
-    return 2;
+    return SystemTrialDecision::dropped;
   }
   u64 build = parse_decimal(count);
-  char hash[65];
-  mem_copy(hash, sha, 64);
-  hash[64] = 0;
+  char hash[kDigestHexBytes];
+  mem_copy(hash, sha, kDigestHexLength);
+  hash[kDigestHexLength] = 0;
 
   if (!running_kernel_is(commit)) return roll_back();
-  if (!mount_esp()) return 0;
+  if (!mount_esp()) return SystemTrialDecision::undecided;
   i64 m = read_menu();
   if (m <= 0 || m >= static_cast<i64>(kMenuTextBytes)) {
     unmount_esp();
-    return 0;
+    return SystemTrialDecision::undecided;
   }
   // A menu that no longer starts the trial entry means a rollback, unless slot A already
   // holds the pending kernel: then the promotion itself switched the menu back to entry 1 and
   // was ended before it could remove the pending record, and it is finished now.
-  bool staged = mem_find(esp_menu_text, static_cast<usize>(m), "default_entry: 2", 16) >= 0;
+  bool staged = mem_find(esp_menu_text, static_cast<usize>(m), kDefaultTwo, text_length(kDefaultTwo)) >= 0;
   bool promoted = staged ? sha256_file_matches(slot_b_path, hash) && copy_file(slot_b_path, slot_a_path) &&
                                sha256_file_matches(slot_a_path, hash) && reset_default_entry()
                          : sha256_file_matches(slot_a_path, hash);
   unmount_esp();
   if (!staged && !promoted) return roll_back();
-  if (!promoted) return 0;  // stays pending; the next confirmation tries again
+  if (!promoted) return SystemTrialDecision::undecided;  // the next confirmation tries again
 
   write_number_file(kSystemVersionPath, build);
   remove_file(kSystemPendingPath);
@@ -130,7 +130,7 @@ int confirm_system_update() {
   manifest.build = build;
   write_system_status("current");
   print_out("system: new kernel confirmed and promoted to slot A\n");
-  return 1;
+  return SystemTrialDecision::promoted;
 }
 
 }  // namespace ota

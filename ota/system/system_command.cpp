@@ -1,4 +1,5 @@
-#include "cli/commands.h"
+#include "system/system_command.h"
+
 #include "grow/grow.h"
 #include "runtime/text.h"
 #include "system/apply.h"
@@ -24,7 +25,7 @@ int system_command(ArgBlock block, u64 n) {
       background = background || str_equal(w, "bg");
       force = force || str_equal(w, "force");
     }
-    return background ? apply_in_background(restart, force) : system_apply(restart);
+    return background ? apply_in_background(restart, force) : system_apply(restart, false);
   }
   if (str_equal(sub, "esp")) return esp_report();
   if (str_equal(sub, "grow")) return grow_command(block, n, 3);

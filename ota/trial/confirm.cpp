@@ -23,7 +23,7 @@ int rollback_command() {
   }
   // The ok digit is not consulted: a confirmed trial can still be undone while its
   // record exists.
-  record[kTrialReturnOffset + 8] = 0;
+  record[kTrialReturnOffset + kStoredDigits] = 0;
   i64 code = run_tpk("rollback", record + kTrialReturnOffset, nullptr, nullptr, 3);
   if (code != 0) return static_cast<int>(code);
   return static_cast<int>(run_tpk("rebuild", nullptr, nullptr, nullptr, 2));

@@ -10,17 +10,19 @@ namespace {
 
 constexpr u64 kDefaultGrace = 120;    // frist=
 constexpr u64 kDefaultHealthy = 60;   // gesund=
+// A grace period no longer than the time before health is tested would end before the
+// first test; the start-up check then waits this much beyond it.
 constexpr u64 kGraceBeyondHealthy = 60;
 
 // A confirmed record: 36 bytes and an ok digit other than '0'.
-int trial_confirmed() {
+bool trial_confirmed() {
   char record[kTrialReadBytes];
   return read_trial_record(record) && record[kTrialOkOffset] != '0';
 }
 
 }  // namespace
 
-int process_running(const char* name) { return task_named(name); }
+bool process_running(const char* name) { return task_named(name); }
 
 int boot_command(const char* process) {
   load_settings();

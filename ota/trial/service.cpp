@@ -1,4 +1,3 @@
-#include "cli/args.h"
 #include "config/settings.h"
 #include "packages/apply.h"
 #include "packages/fetch.h"
@@ -6,16 +5,20 @@
 #include "records/trial_record.h"
 #include "runtime/process.h"
 #include "runtime/text.h"
-#include "system/status.h"
+#include "system/manifest.h"
 #include "trial/trial.h"
 
 namespace ota {
+
+bool service_with_system = false;
 
 namespace {
 
 constexpr u64 kDefaultInterval = 3600;        // abstand=
 constexpr u64 kDefaultSystemInterval = 21600;  // sysabstand=
 constexpr u64 kDefaultStartDelay = 180;        // start=
+// A source that cannot be reached is asked again soon, then less and less often: after
+// 30 seconds, doubled with each failed pass up to 480, never later than the interval.
 constexpr u64 kFirstBackoff = 30;
 constexpr u64 kMostDoublings = 4;
 // After this many failed passes in a row the full interval is waited once.
@@ -63,7 +66,8 @@ int service_loop(u64 passes) {
       apply_command();
     }
     if (system_searches && system_due_in == 0) {
-      if (system_background_check() < 2) system_due_in = system_interval;
+      // A build this one is too old for is asked about again at the next pass.
+      if (system_background_check() != SystemCheck::too_old) system_due_in = system_interval;
     }
     count++;
     if (passes != 0 && count >= passes) return 0;

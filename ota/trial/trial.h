@@ -8,9 +8,11 @@ namespace ota {
 
 int confirm_command();
 int rollback_command();
-int process_running(const char* name);
+bool process_running(const char* name);
 int boot_command(const char* process);
 int watchdog_command(const char* seconds);
+// Set by `ota service N system`: a limited service run also searches for system builds.
+extern bool service_with_system;
 int service_loop(u64 passes);
 
 }  // namespace ota

@@ -12,12 +12,12 @@ namespace {
 
 constexpr usize kBlockedTagLength = text_length(kBlockedTag);
 
-// The index-th catalog line's version text; 0 when there is no such line, -1 when the
-// line has no version field.
-int catalog_blocked_field(u64 index, char out[kBlockedFieldBytes]) {
+// What the index-th "gesperrt" line of the catalog holds; out gets its version text.
+enum class BlockedLine { none, no_version, version };
+BlockedLine catalog_blocked_field(u64 index, char out[kBlockedFieldBytes]) {
   const char* line = find_catalog_line(kBlockedTag, kBlockedTagLength, index);
-  if (line == nullptr) return 0;
-  return line_field(line, 0, out, kBlockedFieldBytes) ? 1 : -1;
+  if (line == nullptr) return BlockedLine::none;
+  return line_field(line, 0, out, kBlockedFieldBytes) ? BlockedLine::version : BlockedLine::no_version;
 }
 
 }  // namespace
@@ -30,23 +30,23 @@ void load_blocked_versions() {
   blocked.count = records > kBlockedRecords ? kBlockedRecords : records;
 }
 
-int is_in_blocked_list(u64 version) {
+bool is_in_blocked_list(u64 version) {
   for (u64 i = 0; i < blocked.count; i++) {
     char digits[kStoredDigits + 1];
     mem_copy(digits, blocked.bytes + i * kBlockedRecordBytes, kStoredDigits);
     digits[kStoredDigits] = 0;
-    if (parse_decimal(digits) == version) return 1;
+    if (parse_decimal(digits) == version) return true;
   }
-  return 0;
+  return false;
 }
 
-int add_blocked_version(u64 version) {
-  if (is_in_blocked_list(version) || blocked.count >= kBlockedRecords) return 0;
+bool add_blocked_version(u64 version) {
+  if (is_in_blocked_list(version) || blocked.count >= kBlockedRecords) return false;
   char* record = blocked.bytes + blocked.count * kBlockedRecordBytes;
   format_eight_digits(record, version);
   record[kStoredDigits] = '\n';
   blocked.count++;
-  return 1;
+  return true;
 }
 
 void merge_blocked_versions() {
@@ -54,21 +54,21 @@ void merge_blocked_versions() {
   u64 added = 0;
   char field[kBlockedFieldBytes];
   for (u64 index = 0;; index++) {
-    int found = catalog_blocked_field(index, field);
-    if (found == 0) break;
-    if (found > 0) added += static_cast<u64>(add_blocked_version(parse_decimal(field)));
+    BlockedLine found = catalog_blocked_field(index, field);
+    if (found == BlockedLine::none) break;
+    if (found == BlockedLine::version && add_blocked_version(parse_decimal(field))) added++;
   }
   if (added > 0) overwrite_in_place(kBlockedPath, blocked.bytes, blocked.count * kBlockedRecordBytes);
 }
 
-int version_is_blocked(u64 version) {
+bool version_is_blocked(u64 version) {
   load_blocked_versions();
-  if (is_in_blocked_list(version)) return 1;
+  if (is_in_blocked_list(version)) return true;
   char field[kBlockedFieldBytes];
   for (u64 index = 0;; index++) {
-    int found = catalog_blocked_field(index, field);
-    if (found == 0) return 0;
-    if (found > 0 && parse_decimal(field) == version) return 1;
+    BlockedLine found = catalog_blocked_field(index, field);
+    if (found == BlockedLine::none) return false;
+    if (found == BlockedLine::version && parse_decimal(field) == version) return true;
   }
 }
 
@@ -79,9 +79,9 @@ void print_blocked_versions() {
   bool any = false;
   char field[kBlockedFieldBytes];
   for (u64 index = 0;; index++) {
-    int found = catalog_blocked_field(index, field);
-    if (found == 0) break;
-    if (found < 0) continue;
+    BlockedLine found = catalog_blocked_field(index, field);
+    if (found == BlockedLine::none) break;
+    if (found == BlockedLine::no_version) continue;
     if (len + kBlockedFieldBytes + 32 > sizeof line) {
       print_bytes(line, len);
       len = 0;

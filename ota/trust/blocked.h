@@ -9,17 +9,20 @@ namespace ota {
 
 constexpr const char* kBlockedPath = "/system/GESPERRT";
 
+// The program-wide copy of the file: what was read of it, and the records that count
+// (the table grows at its end when a catalog adds one).
 struct BlockedTable {
-  char bytes[kBlockedFileBytes + kBlockedRecordBytes];
+  char bytes[kBlockedFileBytes];
   u64 count;
 };
 extern BlockedTable blocked;
 
 void load_blocked_versions();
-int is_in_blocked_list(u64 version);
-int add_blocked_version(u64 version);
+bool is_in_blocked_list(u64 version);
+// True when the version was added: it was not stored yet and the table has room.
+bool add_blocked_version(u64 version);
 void merge_blocked_versions();
-int version_is_blocked(u64 version);
+bool version_is_blocked(u64 version);
 void print_blocked_versions();
 
 }  // namespace ota

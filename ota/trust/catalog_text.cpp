@@ -43,13 +43,13 @@ const char* find_catalog_line(const char* tag, usize tag_length, u64 index) {
   return nullptr;
 }
 
-int catalog_field(const char* line, const char* end, u64 n, char* out, usize capacity) {
+bool catalog_field(const char* line, const char* end, u64 n, char* out, usize capacity) {
   const char* p = line;
   for (u64 skipped = 0; skipped < n; skipped++) {
     while (p < end && *p != '\t' && *p != '\n') p++;
     if (p >= end || *p == '\n') {
       if (capacity > 0) out[0] = 0;
-      return 0;
+      return false;
     }
     p++;  // past the TAB
   }
@@ -59,10 +59,10 @@ int catalog_field(const char* line, const char* end, u64 n, char* out, usize cap
     len++;
   }
   if (capacity > 0) out[len] = 0;
-  return len > 0 ? 1 : 0;
+  return len > 0;
 }
 
-int line_field(const char* line, u64 n, char* out, usize capacity) {
+bool line_field(const char* line, u64 n, char* out, usize capacity) {
   return catalog_field(line, catalog_end(), n, out, capacity);
 }
 

@@ -32,11 +32,11 @@ void hold_catalog_text(usize length);
 
 // Position just after the tag of the index-th line (from 0) that begins with the tag.
 const char* find_catalog_line(const char* tag, usize tag_length, u64 index);
-// 1 when field n of the line at `line` is non-empty; it is copied to out (at most
+// True when field n of the line at `line` is non-empty; it is copied to out (at most
 // capacity - 1 bytes, 0-terminated). Fields end at TAB; an LF or `end` ends the line.
-int catalog_field(const char* line, const char* end, u64 n, char* out, usize capacity);
+bool catalog_field(const char* line, const char* end, u64 n, char* out, usize capacity);
 // catalog_field over the held catalog.
-int line_field(const char* line, u64 n, char* out, usize capacity);
+bool line_field(const char* line, u64 n, char* out, usize capacity);
 // The end of the held catalog text.
 const char* catalog_end();
 

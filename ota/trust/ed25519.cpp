@@ -458,17 +458,17 @@ int ed25519_key_problem(const u8 public_key[kPublicKeyBytes]) {
 }
 #endif
 
-int ed25519_verify(const u8 public_key[kPublicKeyBytes], const u8* message, usize length,
-                   const u8 signature[kSignatureBytes]) {
+bool ed25519_verify(const u8 public_key[kPublicKeyBytes], const u8* message, usize length,
+                    const u8 signature[kSignatureBytes]) {
   const u8* r_bytes = signature;
   const u8* s_bytes = signature + 32;
-  if (!scalar_below_order(s_bytes)) return 0;
+  if (!scalar_below_order(s_bytes)) return false;
 
   Curve curve;
   set_curve(curve);
   Ge3 a, r;
-  if (!ge_decode(a, public_key, curve)) return 0;
-  if (!ge_decode(r, r_bytes, curve)) return 0;
+  if (!ge_decode(a, public_key, curve)) return false;
+  if (!ge_decode(r, r_bytes, curve)) return false;
 
   // k = SHA-512(R || A || message) mod L, over the bytes exactly as given.
   Sha512 hash;

@@ -10,13 +10,13 @@ namespace ota {
 // A public key is kPublicKeyBytes, a signature kSignatureBytes: R (an encoded point)
 // followed by S (a little-endian scalar).
 
-// 1 when signature is a valid signature of the length bytes at message under
-// public_key, 0 for everything else, without saying why. The rule is strict: S must be
+// True when signature is a valid signature of the length bytes at message under
+// public_key, false for everything else, without saying why. The rule is strict: S must be
 // below the group order, the key and R must be canonical encodings of curve points and
 // must not encode x = 0 with the sign bit set, and [S]B = R + [k]A must hold exactly
 // (without the cofactor). Small-order keys and R are not refused for being small order.
-int ed25519_verify(const u8 public_key[kPublicKeyBytes], const u8* message, usize length,
-                   const u8 signature[kSignatureBytes]);
+bool ed25519_verify(const u8 public_key[kPublicKeyBytes], const u8* message, usize length,
+                    const u8 signature[kSignatureBytes]);
 
 // Why a public key should never be handed to devices; kKeyUsable when it may. The device
 // itself never asks (verification stays the plain equation above); the release tool asks

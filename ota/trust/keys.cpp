@@ -11,27 +11,27 @@ TrustState trust;
 
 namespace {
 
-int read_key_file(const char* path, u8 out[kKeyBytes]) {
+bool read_key_file(const char* path, u8 out[kKeyBytes]) {
   return read_file(path, out, kKeyBytes) == static_cast<i64>(kKeyBytes);
 }
 
 }  // namespace
 
 u64 read_installed_version() { return read_number_file(kInstalledVersionPath); }
-int write_installed_version(u64 version) { return write_number_file(kInstalledVersionPath, version); }
+bool write_installed_version(u64 version) { return write_number_file(kInstalledVersionPath, version); }
 u64 read_key_generation() { return read_number_file(kKeyGenerationPath); }
-int write_key_generation(u64 generation) { return write_number_file(kKeyGenerationPath, generation); }
+bool write_key_generation(u64 generation) { return write_number_file(kKeyGenerationPath, generation); }
 
-int load_trusted_keys() {
+bool load_trusted_keys() {
   // The key file is kept with replace_file when a key change is accepted.
-  if (read_replaced_file(kTrustedKeyPath, trust.trusted_key, kKeyBytes) != static_cast<i64>(kKeyBytes)) return 0;
+  if (read_replaced_file(kTrustedKeyPath, trust.trusted_key, kKeyBytes) != static_cast<i64>(kKeyBytes)) return false;
   trust.stored_generation = read_key_generation();
   trust.current_generation = trust.stored_generation;
   trust.spare_present = read_key_file(kSpareKeyPath, trust.spare_key);
-  return 1;
+  return true;
 }
 
-int spare_key_file_present() {
+bool spare_key_file_present() {
   u8 key[kKeyBytes];
   return read_key_file(kSpareKeyPath, key);
 }
@@ -43,12 +43,12 @@ u32 hex_digit_value(u8 c) {
   return 16;
 }
 
-int hex_decode(const char* text, u8* out, usize n) {
+bool hex_decode(const char* text, u8* out, usize n) {
   for (usize i = 0; i < n; i++) {
     u32 high = hex_digit_value(static_cast<u8>(text[2 * i]));
-    if (high > 15) return 0;
+    if (high > 15) return false;
     u32 low = hex_digit_value(static_cast<u8>(text[2 * i + 1]));
-    if (low > 15) return 0;
+    if (low > 15) return false;
     out[i] = static_cast<u8>(high << 4 | low);
   }
   return text[2 * n] == 0;
@@ -95,13 +95,13 @@ void follow_key_chain() {
   }
 }
 
-int verify_catalog_signature(const u8* message, usize length) {
+bool verify_catalog_signature(const u8* message, usize length) {
   trust.spare_key_used = false;
-  if (ed25519_verify(trust.trusted_key, message, length, trust.signature)) return 1;
-  if (!trust.spare_present) return 0;
-  if (!ed25519_verify(trust.spare_key, message, length, trust.signature)) return 0;
+  if (ed25519_verify(trust.trusted_key, message, length, trust.signature)) return true;
+  if (!trust.spare_present) return false;
+  if (!ed25519_verify(trust.spare_key, message, length, trust.signature)) return false;
   trust.spare_key_used = true;
-  return 1;
+  return true;
 }
 
 }  // namespace ota

@@ -28,15 +28,17 @@ struct TrustState {
 extern TrustState trust;
 
 u64 read_installed_version();
-int write_installed_version(u64 version);
+bool write_installed_version(u64 version);
 u64 read_key_generation();
-int write_key_generation(u64 generation);
-int load_trusted_keys();
+bool write_key_generation(u64 generation);
+// False when no trusted key can be read.
+bool load_trusted_keys();
 // Whether 32 bytes can be read from the spare key file.
-int spare_key_file_present();
+bool spare_key_file_present();
 u32 hex_digit_value(u8 c);
-int hex_decode(const char* text, u8* out, usize n);
+// n bytes from 2n hex digits (either case) that end the text; false for anything else.
+bool hex_decode(const char* text, u8* out, usize n);
 void follow_key_chain();
-int verify_catalog_signature(const u8* message, usize length);
+bool verify_catalog_signature(const u8* message, usize length);
 
 }  // namespace ota

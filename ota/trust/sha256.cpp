@@ -204,9 +204,9 @@ void sha256_final(u8 out[kSha256DigestBytes]) {
   }
 }
 
-int sha256_file(const char* path, u8 out[kSha256DigestBytes]) {
+bool sha256_file(const char* path, u8 out[kSha256DigestBytes]) {
   u64 opened = sys_open(path, kOpenRead);
-  if (is_error(opened)) return 0;
+  if (is_error(opened)) return false;
   int fd = static_cast<int>(opened);
   sha256_init();
   // A read that fails part-way ends the hash like the end of the file: the digest of
@@ -218,20 +218,20 @@ int sha256_file(const char* path, u8 out[kSha256DigestBytes]) {
   }
   sys_close(fd);
   sha256_final(out);
-  return 1;
+  return true;
 }
 
 void sha256_hex(const u8 digest[kSha256DigestBytes], char out[kDigestHexBytes]) {
   hex_encode(digest, kSha256DigestBytes, out);
 }
 
-int sha256_matches(const u8 digest[kSha256DigestBytes], const char* expected_hex) {
+bool sha256_matches(const u8 digest[kSha256DigestBytes], const char* expected_hex) {
   char hex[kDigestHexBytes];
   sha256_hex(digest, hex);
-  return str_equal_n(hex, expected_hex, kDigestHexBytes - 1);
+  return str_equal_n(hex, expected_hex, kDigestHexLength);
 }
 
-int sha256_file_matches(const char* path, const char* expected_hex) {
+bool sha256_file_matches(const char* path, const char* expected_hex) {
   u8 digest[kSha256DigestBytes];
   return sha256_file(path, digest) && sha256_matches(digest, expected_hex);
 }

@@ -9,8 +9,10 @@
 namespace ota {
 
 constexpr usize kSha256DigestBytes = 32;
-// The digest as text: two lowercase hex digits per byte and the terminating zero.
-constexpr usize kDigestHexBytes = 2 * kSha256DigestBytes + 1;
+// The digest as text: two lowercase hex digits per byte, 64 characters, and in a buffer
+// the terminating zero. A hash text of any other length in a catalog or record is no hash.
+constexpr usize kDigestHexLength = 2 * kSha256DigestBytes;
+constexpr usize kDigestHexBytes = kDigestHexLength + 1;
 // sha256_file reads through one buffer of kSha256ReadBytes, so no file is ever held
 // whole.
 
@@ -18,17 +20,17 @@ void sha256_init();
 void sha256_update(const void* bytes, usize length);
 // Pads and writes the digest; the state is left as it is.
 void sha256_final(u8 out[kSha256DigestBytes]);
-// 1 when the file could be opened (the digest covers what could be read), 0 when it
-// could not; out is then untouched.
-int sha256_file(const char* path, u8 out[kSha256DigestBytes]);
+// True when the file could be opened (the digest covers what could be read), false when
+// it could not; out is then untouched.
+bool sha256_file(const char* path, u8 out[kSha256DigestBytes]);
 
 // The digest as 64 lowercase hex characters and a zero.
 void sha256_hex(const u8 digest[kSha256DigestBytes], char out[kDigestHexBytes]);
-// 1 when the digest, rendered in lowercase hex, equals the expected text byte for byte
+// True when the digest, rendered in lowercase hex, equals the expected text byte for byte
 // (so a hash written in capitals never matches).
-int sha256_matches(const u8 digest[kSha256DigestBytes], const char* expected_hex);
-// 1 when the file can be read and its digest matches the expected text as above.
-int sha256_file_matches(const char* path, const char* expected_hex);
+bool sha256_matches(const u8 digest[kSha256DigestBytes], const char* expected_hex);
+// True when the file can be read and its digest matches the expected text as above.
+bool sha256_file_matches(const char* path, const char* expected_hex);
 
 // Tests: true keeps the hash on the portable rounds even where the processor has the
 // SHA extensions, so both paths are checked on every machine.

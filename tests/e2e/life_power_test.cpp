@@ -23,6 +23,7 @@
 #include <set>
 
 #include "life_support.h"
+#include "tavi_abi.h"
 
 namespace life {
 namespace {
@@ -50,7 +51,7 @@ constexpr size_t kMostAll = 24;
 constexpr size_t kMostSynced = 8;
 constexpr uint64_t kLaterStride = 6;
 constexpr int64_t kSync = 162;
-constexpr int64_t kDurableCalls[] = {kSync, 82, 87, 165, 166, 1001, 1880};
+constexpr int64_t kDurableCalls[] = {kSync, 82, 87, 165, 166, TAVI_SPAWN, TAVI_FS_GROW};
 // A machine that restarts again and again (a start-up check that never sees a healthy
 // start) is given this many starts before it counts as not surviving.
 constexpr int kMostStarts = 6;
@@ -779,7 +780,7 @@ class PowerLossKnown : public PowerLoss {
   static constexpr int64_t kWrite = 1;
   static constexpr int64_t kRename = 82;
   static constexpr int64_t kUnlink = 87;
-  static constexpr int64_t kSpawn = 1001;
+  static constexpr int64_t kSpawn = TAVI_SPAWN;
 
   // The first cut point (or only those right after a call numbered `after`, when given)
   // after which the device, before it is started again, shows what `shows` looks for.

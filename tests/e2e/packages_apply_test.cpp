@@ -2,6 +2,7 @@
 // through /bin/tpk, the installed version and the state record.
 #include <sys/stat.h>
 
+#include "tavi_abi.h"
 #include "update_source.h"
 
 using namespace e2e;
@@ -277,7 +278,7 @@ TEST_F(ApplyTest, AnInstallerThatCannotBeStartedIsReportedAsCodeMinusOne) {
   device().write_file("/system/FASSUNG", "00000004\n");
   offer({{"core", 1000}});
   // The first start of /bin/tpk reads the installer catalog; the second would install.
-  device().add_call_fault({.number = 1001, .error = -2, .nth = 2, .path = "/bin/tpk"});
+  device().add_call_fault({.number = TAVI_SPAWN, .error = -2, .nth = 2, .path = "/bin/tpk"});
   RunResult r = device().run({"apply"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.out.find("ota: applying with tpk core\nota: tpk did not install, code -1\n"), std::string::npos)

@@ -43,12 +43,12 @@ bool reference_field(const std::string& text, size_t at, uint64_t n, size_t capa
   return !out->empty();
 }
 
-int reference_platform(const std::string& text, size_t at) {
+ota::Platform reference_platform(const std::string& text, size_t at) {
   std::string platform;
-  if (!reference_field(text, at, 5, ota::kPlatformFieldBytes, &platform)) return ota::kNoPlatform;
+  if (!reference_field(text, at, 5, ota::kPlatformFieldBytes, &platform)) return ota::Platform::none;
   platform = platform.substr(0, strnlen(platform.c_str(), platform.size()));  // compared as a string
-  if (platform == "tavi-x86_64" || platform == "tavi-any") return ota::kThisPlatform;
-  return ota::kOtherPlatform;
+  if (platform == "tavi-x86_64" || platform == "tavi-any") return ota::Platform::this_machine;
+  return ota::Platform::other;
 }
 
 bool reference_current(const std::string& install, const std::string& name) {
@@ -131,17 +131,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (size_t k = 0; k < packages.size() && k < 64; k++) {
     const char* line = ota::nth_package_line(k);
     FUZZ_CHECK(line == ota::catalog.text + packages[k]);
-    int platform = ota::package_platform(line);
+    ota::Platform platform = ota::package_platform(line);
     FUZZ_CHECK(platform == reference_platform(text, packages[k]));
     for (uint64_t n = 0; n < 6; n++) check_field(text, ota::catalog.text, packages[k], n, ota::kPackageFieldBytes);
     std::string package_name;
     reference_field(text, packages[k], 0, ota::kPackageNameBytes, &package_name);
     package_name = package_name.substr(0, strnlen(package_name.c_str(), package_name.size()));  // used as a string
-    bool needs = platform == ota::kThisPlatform && !reference_current(install, package_name);
+    bool needs = platform == ota::Platform::this_machine && !reference_current(install, package_name);
     FUZZ_CHECK(ota::package_needs_update(line) == (needs ? 1 : 0));
     FUZZ_CHECK(ota::catalog_says_current(package_name.c_str()) == (reference_current(install, package_name) ? 1 : 0));
   }
-  for (size_t k = 0; k < packages.size(); k++) mine += reference_platform(text, packages[k]) == ota::kThisPlatform;
+  for (size_t k = 0; k < packages.size(); k++) mine += reference_platform(text, packages[k]) == ota::Platform::this_machine;
   FUZZ_CHECK(ota::platform_package_count() == mine);
 
   // The offered version: the first fassung line, its first 23 characters up to the LF.

@@ -45,11 +45,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The trial record: exactly 36 bytes, and "in trial" when byte 34 is '0'.
   bool record = !(flags & 4) && trial.size() == 36;
   char buf[ota::kTrialReadBytes];
-  FUZZ_CHECK(ota::read_trial_record(buf) == (record ? 1 : 0));
-  FUZZ_CHECK(ota::in_trial() == ((record && trial[34] == '0') ? 1 : 0));
+  FUZZ_CHECK(ota::read_trial_record(buf) == record);
+  FUZZ_CHECK(ota::in_trial() == (record && trial[34] == '0'));
   FUZZ_CHECK(ota::system_trial_pending() == (!(flags & 1) && !pending.empty()));
 
-  int r;
+  ota::SystemTrialDecision r;
   {
     Silence quiet;
     r = ota::confirm_system_update();
@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   std::string held = (flags & 1) ? std::string() : pending.substr(0, 300);
   if (held.empty()) {
-    FUZZ_CHECK(r == 0);
+    FUZZ_CHECK(r == ota::SystemTrialDecision::undecided);
     FUZZ_CHECK(root.has("/system/SYSPENDING") == !(flags & 1));
     return 0;
   }
@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size_t commit = after_key(held, "commit=");
   size_t sha = after_key(held, "sha=");
   if (count == std::string::npos || commit == std::string::npos || sha == std::string::npos) {
-    FUZZ_CHECK(r == 2);
+    FUZZ_CHECK(r == ota::SystemTrialDecision::dropped);
     FUZZ_CHECK(!root.has("/system/SYSPENDING"));
     return 0;
   }
@@ -77,12 +77,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size_t build = running.find(" build ");
   bool same = build != std::string::npos && (running + std::string(8, '\0')).compare(build + 7, 7, commit7) == 0;
   if (!same) {
-    FUZZ_CHECK(r == 2);
+    FUZZ_CHECK(r == ota::SystemTrialDecision::dropped);
     FUZZ_CHECK(!root.has("/system/SYSPENDING"));
     FUZZ_CHECK(root.get("/system/sys.stand").find("phase=failed\n") != std::string::npos);
   } else {
     // The partition cannot be mounted here: the decision waits, and the record stays.
-    FUZZ_CHECK(r == 0);
+    FUZZ_CHECK(r == ota::SystemTrialDecision::undecided);
     FUZZ_CHECK(root.get("/system/SYSPENDING") == pending);
   }
   return 0;

@@ -11,7 +11,7 @@
 // never exceeds 1,024 bytes.
 #include <string.h>
 
-#include "cli/commands.h"
+#include "cli/settings_command.h"
 #include "fuzz_support.h"
 
 namespace {

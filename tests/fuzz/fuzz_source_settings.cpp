@@ -1,12 +1,12 @@
 // The settings a fetching command reads first: source, channel and device name from a
 // fuzzed /etc/ota.conf in a scratch device root, with the system source derived from
-// them in system mode.
+// them when the system source is asked for.
 //
-// Input: a flag byte (bit 0: system mode; bit 1: no settings file), then the file.
+// Input: a flag byte (bit 0: the system source; bit 1: no settings file), then the file.
 //
 // Checked against the rules written again here: the file's first 1,023 bytes count; no
 // non-empty "quelle=" value, or a "kanal=" value other than stable, test or dev, is a
-// failure; the source keeps 199 bytes, the channel 19, the name 127; in system mode a
+// failure; the source keeps 199 bytes, the channel 19, the name 127; for the system source a
 // non-empty "sysquelle=" replaces the source, else a final "/aktuell" (on a longer
 // source) or a final "/" is cut and "/system" appended as far as it fits, and an empty
 // channel becomes "stable".
@@ -53,14 +53,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!no_file) root.put("/etc/ota.conf", file);
 
   memset(&ota::source_settings, 0x5a, sizeof ota::source_settings);
-  ota::system_mode = system;
-  int r;
+  bool loaded;
   {
     Silence quiet;
-    r = ota::load_source_settings();
-    if (r == 0) ota::load_device_name();
+    loaded = ota::load_source_settings(system ? ota::SourceKind::system : ota::SourceKind::packages);
+    if (loaded) ota::load_device_name();
   }
-  ota::system_mode = false;
 
   std::string text = no_file ? std::string() : file.substr(0, kLoaded);
   bool has_source, has_channel, has_name, has_system;
@@ -69,10 +67,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string name = lookup(text, "name=", ota::kDeviceNameBytes, &has_name);
   std::string system_source = lookup(text, "sysquelle=", ota::kSourceBytes, &has_system);
   if (no_file || !has_source || (has_channel && !channel_ok(channel))) {
-    FUZZ_CHECK(r == 1);
+    FUZZ_CHECK(!loaded);
     return 0;
   }
-  FUZZ_CHECK(r == 0);
+  FUZZ_CHECK(loaded);
   if (system) {
     if (has_system) {
       source = system_source;

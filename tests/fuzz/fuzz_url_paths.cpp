@@ -5,7 +5,7 @@
 // staging, backup and real paths of overlay targets, the kernel slot paths made from a
 // boot menu, and the temporary name of the safe record writer.
 //
-// Input: a flag byte (bit 0: a channel; bit 1: a device name; bit 2: system mode; bit 3:
+// Input: a flag byte (bit 0: a channel; bit 1: a device name; bit 2: the system source; bit 3:
 // a resume offset), then length-prefixed pieces: the source, the device name, the file
 // name for `ota fetch`, a catalog line's fields (TAB-separated), an overlay target, a
 // boot menu; what is left is a record path for the safe writer.
@@ -73,14 +73,12 @@ void check_fetch_words(uint8_t flags, const std::string& source_piece, const std
   if (named) conf += "name=" + name_piece + "\n";
   root.put("/etc/ota.conf", conf);
 
-  ota::system_mode = system;
-  int loaded;
+  bool loaded;
   {
     Silence quiet;
-    loaded = ota::load_source_settings();
+    loaded = ota::load_source_settings(system ? ota::SourceKind::system : ota::SourceKind::packages);
   }
-  ota::system_mode = false;
-  FUZZ_CHECK(loaded == 0);
+  FUZZ_CHECK(loaded);
   ota::load_device_name();
   std::string kept_source = ota::source_settings.source;
   std::string kept_channel = ota::source_settings.channel;

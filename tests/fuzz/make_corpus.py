@@ -234,7 +234,7 @@ def make_all(c, publish, work):
     c.put("fuzz_settings_set", "near-limit", b"\x01" + piece(b"") + piece(b"n" * 40) + b"x" * 1000 + b"\n")
     c.put("fuzz_settings_set", "own-key", b"\x0f" + piece(b"sysabstand") + piece(b"1") + b"")
 
-    # fuzz_source_settings: flags (bit 0 system mode, bit 1 no file), the file.
+    # fuzz_source_settings: flags (bit 0 the system source, bit 1 no file), the file.
     c.put("fuzz_source_settings", "package", b"\x00" + b"quelle=http://127.0.0.1:8080/aktuell\nkanal=test\nname=box\n")
     c.put("fuzz_source_settings", "system", b"\x01" + b"quelle=http://127.0.0.1:8080/aktuell\r\nname=box\n")
     c.put("fuzz_source_settings", "sysquelle", b"\x01" + b"quelle=/src/\nsysquelle=/sys\nkanal=dev\n")

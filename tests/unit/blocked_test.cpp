@@ -38,8 +38,8 @@ TEST(BlockedFile, EveryLengthUpTo700Bytes) {
     u64 whole = len < 9 ? 0 : std::min<u64>(std::min<u64>(len, 639) / 9, 64);
     ASSERT_EQ(blocked.count, whole) << len;
     if (whole > 0) {
-      EXPECT_EQ(is_in_blocked_list(whole), 1) << len;
-      EXPECT_EQ(is_in_blocked_list(whole + 1), 0) << len;
+      EXPECT_TRUE(is_in_blocked_list(whole)) << len;
+      EXPECT_FALSE(is_in_blocked_list(whole + 1)) << len;
     }
   }
 }
@@ -62,7 +62,7 @@ TEST(BlockedFile, MissingFileIsAnEmptyList) {
   load_blocked_versions();
   EXPECT_EQ(blocked.count, 0u);
   hold_catalog("OTA2\n");
-  EXPECT_EQ(version_is_blocked(5), 0);
+  EXPECT_FALSE(version_is_blocked(5));
 }
 
 TEST(BlockedMerge, StoresEachNewVersionOnce) {
@@ -90,16 +90,16 @@ TEST(BlockedMerge, ATableOfSixtyFourTakesNoMore) {
   merge_blocked_versions();
   EXPECT_EQ(root.get("/system/GESPERRT"), records(1, 64));
   // Still blocked while the current catalog lists it.
-  EXPECT_EQ(version_is_blocked(500), 1);
+  EXPECT_TRUE(version_is_blocked(500));
   hold_catalog("OTA2\n");
-  EXPECT_EQ(version_is_blocked(500), 0);
-  EXPECT_EQ(version_is_blocked(64), 1);
+  EXPECT_FALSE(version_is_blocked(500));
+  EXPECT_TRUE(version_is_blocked(64));
 }
 
 TEST(BlockedMerge, AStoredVersionIsBlockedWithoutACatalogLine) {
   DeviceRoot root;
   root.put("/system/GESPERRT", "00000042\n");
   hold_catalog("OTA2\nfassung\t42\n");
-  EXPECT_EQ(version_is_blocked(42), 1);
-  EXPECT_EQ(version_is_blocked(43), 0);
+  EXPECT_TRUE(version_is_blocked(42));
+  EXPECT_FALSE(version_is_blocked(43));
 }

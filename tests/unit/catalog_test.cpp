@@ -53,31 +53,31 @@ TEST(CatalogLines, LookupsInAnyOrderGiveTheSameLines) {
 
 TEST(CatalogLines, FindsTheNthLineWithATagAtLineStarts) {
   hold_catalog("OTA2\npaket\ta\nxpaket\tb\npaket\tc\n");
-  const char* first = find_catalog_line("paket\t", 6, 0);
+  const char* first = find_catalog_line(kPackageTag, text_length(kPackageTag), 0);
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(*first, 'a');
-  const char* second = find_catalog_line("paket\t", 6, 1);
+  const char* second = find_catalog_line(kPackageTag, text_length(kPackageTag), 1);
   ASSERT_NE(second, nullptr);
   EXPECT_EQ(*second, 'c');
-  EXPECT_EQ(find_catalog_line("paket\t", 6, 2), nullptr);
-  EXPECT_EQ(find_catalog_line("kette\t", 6, 0), nullptr);
+  EXPECT_EQ(find_catalog_line(kPackageTag, text_length(kPackageTag), 2), nullptr);
+  EXPECT_EQ(find_catalog_line(kChainTag, text_length(kChainTag), 0), nullptr);
 }
 
 TEST(CatalogLines, ATagCutByTheEndOfTheTextDoesNotMatch) {
   hold_catalog("OTA2\npaket");
-  EXPECT_EQ(find_catalog_line("paket\t", 6, 0), nullptr);
+  EXPECT_EQ(find_catalog_line(kPackageTag, text_length(kPackageTag), 0), nullptr);
 }
 
 TEST(CatalogLines, NothingIsFoundInAnEmptyCatalog) {
   hold_catalog("");
-  EXPECT_EQ(find_catalog_line("OTA2", 4, 0), nullptr);
+  EXPECT_EQ(find_catalog_line(kCatalogMarker, text_length(kCatalogMarker), 0), nullptr);
   EXPECT_EQ(package_count(), 0u);
   EXPECT_EQ(catalog_version(), 0u);
 }
 
 TEST(CatalogFields, SkipsFieldsAndStopsAtTabLfAndEnd) {
   hold_catalog("paket\tname\tword\t\tlen\nnext\tx");
-  const char* line = find_catalog_line("paket\t", 6, 0);
+  const char* line = find_catalog_line(kPackageTag, text_length(kPackageTag), 0);
   EXPECT_EQ(field(line, 0), "1:name");
   EXPECT_EQ(field(line, 1), "1:word");
   EXPECT_EQ(field(line, 2), "0:");  // two adjacent TABs: an empty field
@@ -91,14 +91,14 @@ TEST(CatalogFields, SkipsFieldsAndStopsAtTabLfAndEnd) {
 
 TEST(CatalogFields, CutAtCapacity) {
   hold_catalog("paket\tabcdefghij\n");
-  const char* line = find_catalog_line("paket\t", 6, 0);
+  const char* line = find_catalog_line(kPackageTag, text_length(kPackageTag), 0);
   EXPECT_EQ(field(line, 0, 5), "1:abcd");
   EXPECT_EQ(field(line, 0, 1), "0:");
 }
 
 TEST(CatalogFields, CarriageReturnIsPartOfTheField) {
   hold_catalog("paket\ta\tb\r\n");
-  EXPECT_EQ(field(find_catalog_line("paket\t", 6, 0), 1), "1:b\r");
+  EXPECT_EQ(field(find_catalog_line(kPackageTag, text_length(kPackageTag), 0), 1), "1:b\r");
 }
 
 TEST(CatalogPackages, PlatformClasses) {
@@ -110,12 +110,12 @@ TEST(CatalogPackages, PlatformClasses) {
       "paket\td\tw\th\t1\tf\n"
       "paket\te\tw\th\t1\tf\t\n"
       "paket\tf\tw\th\t1\tf\ttavi-x86_64x\n");
-  EXPECT_EQ(package_platform(nth_package_line(0)), kThisPlatform);
-  EXPECT_EQ(package_platform(nth_package_line(1)), kThisPlatform);
-  EXPECT_EQ(package_platform(nth_package_line(2)), kOtherPlatform);
-  EXPECT_EQ(package_platform(nth_package_line(3)), kNoPlatform);
-  EXPECT_EQ(package_platform(nth_package_line(4)), kNoPlatform);
-  EXPECT_EQ(package_platform(nth_package_line(5)), kOtherPlatform);
+  EXPECT_EQ(package_platform(nth_package_line(0)), Platform::this_machine);
+  EXPECT_EQ(package_platform(nth_package_line(1)), Platform::this_machine);
+  EXPECT_EQ(package_platform(nth_package_line(2)), Platform::other);
+  EXPECT_EQ(package_platform(nth_package_line(3)), Platform::none);
+  EXPECT_EQ(package_platform(nth_package_line(4)), Platform::none);
+  EXPECT_EQ(package_platform(nth_package_line(5)), Platform::other);
   EXPECT_EQ(package_count(), 6u);
   EXPECT_EQ(platform_package_count(), 2u);
 }
@@ -143,40 +143,40 @@ void hold_install_catalog(const std::string& text) {
 
 TEST(InstallCatalog, CurrentOnlyWithAFinalTabOne) {
   hold_install_catalog("foo\tbar\t1\n");
-  EXPECT_EQ(catalog_says_current("foo"), 1);
+  EXPECT_TRUE(catalog_says_current("foo"));
   hold_install_catalog("foobar\tx\t1\n");
-  EXPECT_EQ(catalog_says_current("foo"), 0);
+  EXPECT_FALSE(catalog_says_current("foo"));
   hold_install_catalog("foo\t1 \n");
-  EXPECT_EQ(catalog_says_current("foo"), 0);
+  EXPECT_FALSE(catalog_says_current("foo"));
   hold_install_catalog("foo\t1");
-  EXPECT_EQ(catalog_says_current("foo"), 1);
+  EXPECT_TRUE(catalog_says_current("foo"));
   hold_install_catalog("foo\t3\t0\nfoo\t3\t1\n");
-  EXPECT_EQ(catalog_says_current("foo"), 0);  // the first line of the name decides
+  EXPECT_FALSE(catalog_says_current("foo"));  // the first line of the name decides
   hold_install_catalog("");
-  EXPECT_EQ(catalog_says_current("foo"), 0);
+  EXPECT_FALSE(catalog_says_current("foo"));
   hold_install_catalog("bar\t1\nfoo\tv\t1\r\n");
-  EXPECT_EQ(catalog_says_current("foo"), 0);
+  EXPECT_FALSE(catalog_says_current("foo"));
 }
 
 TEST(InstallCatalog, OnlyPackagesOfThisPlatformNeedAnUpdate) {
   hold_catalog("OTA2\npaket\ta\tw\th\t1\tf\ttavi-x86_64\npaket\tb\tw\th\t1\tf\tarm\npaket\tc\tw\th\t1\tf\ttavi-any\n");
   hold_install_catalog("a\t1\tx\t1\nc\t1\tx\t0\n");
-  EXPECT_EQ(package_needs_update(nth_package_line(0)), 0);
-  EXPECT_EQ(package_needs_update(nth_package_line(1)), 0);
-  EXPECT_EQ(package_needs_update(nth_package_line(2)), 1);
+  EXPECT_FALSE(package_needs_update(nth_package_line(0)));
+  EXPECT_FALSE(package_needs_update(nth_package_line(1)));
+  EXPECT_TRUE(package_needs_update(nth_package_line(2)));
 }
 
 TEST(BlockedTable, AddsOnceAndStopsAtSixtyFour) {
   blocked.count = 0;
-  EXPECT_EQ(add_blocked_version(7), 1);
-  EXPECT_EQ(add_blocked_version(7), 0);
-  EXPECT_EQ(add_blocked_version(123456789), 1);
+  EXPECT_TRUE(add_blocked_version(7));
+  EXPECT_FALSE(add_blocked_version(7));
+  EXPECT_TRUE(add_blocked_version(123456789));
   EXPECT_EQ(std::string(blocked.bytes, 18), "00000007\n23456789\n");
-  EXPECT_EQ(is_in_blocked_list(7), 1);
-  EXPECT_EQ(is_in_blocked_list(23456789), 1);
-  EXPECT_EQ(is_in_blocked_list(123456789), 0);  // stored modulo 10^8
+  EXPECT_TRUE(is_in_blocked_list(7));
+  EXPECT_TRUE(is_in_blocked_list(23456789));
+  EXPECT_FALSE(is_in_blocked_list(123456789));  // stored modulo 10^8
   for (u64 v = 100; blocked.count < 64; v++) add_blocked_version(v);
-  EXPECT_EQ(add_blocked_version(99999), 0);
+  EXPECT_FALSE(add_blocked_version(99999));
   EXPECT_EQ(blocked.count, 64u);
 }
 

@@ -38,16 +38,16 @@ TEST(Files, WriteFileCreatesAndTruncates) {
   ScratchDir dir;
   std::string p = dir.path("w");
   put_file(p, "a much longer old content");
-  EXPECT_EQ(write_file(p.c_str(), "new", 3), 1);
+  EXPECT_TRUE(write_file(p.c_str(), "new", 3));
   EXPECT_EQ(get_file(p), "new");
-  EXPECT_EQ(write_file(dir.path("no/such/dir").c_str(), "x", 1), 0);
+  EXPECT_FALSE(write_file(dir.path("no/such/dir").c_str(), "x", 1));
 }
 
 TEST(Files, ReplaceFileLeavesNoTemporaryBehind) {
   ScratchDir dir;
   std::string p = dir.path("record");
   put_file(p, "old");
-  EXPECT_EQ(replace_file(p.c_str(), "phase=ruhe\n", 11), 1);
+  EXPECT_TRUE(replace_file(p.c_str(), "phase=ruhe\n", 11));
   EXPECT_EQ(get_file(p), "phase=ruhe\n");
   EXPECT_FALSE(file_there(p + ".nw"));
 }
@@ -57,10 +57,10 @@ TEST(Files, ReplaceFileWithALongPathWritesDirectly) {
   std::string p = dir.path();
   p += "/" + std::string(191 - p.size() - 1, 'n');
   ASSERT_EQ(p.size(), 191u);
-  EXPECT_EQ(replace_file(p.c_str(), "abc", 3), 1);
+  EXPECT_TRUE(replace_file(p.c_str(), "abc", 3));
   EXPECT_EQ(get_file(p), "abc");
   std::string shorter = p.substr(0, 190);
-  EXPECT_EQ(replace_file(shorter.c_str(), "de", 2), 1);
+  EXPECT_TRUE(replace_file(shorter.c_str(), "de", 2));
   EXPECT_EQ(get_file(shorter), "de");
 }
 
@@ -73,7 +73,7 @@ TEST(Files, ReplaceFileKeepsTheOldFileWhenTheTemporaryCannotBeWritten) {
   // The temporary is a directory that cannot be removed or opened for writing.
   mkdir((p + ".nw").c_str(), 0755);
   put_file(p + ".nw/blocker", "x");
-  EXPECT_EQ(replace_file(p.c_str(), "new", 3), 0);
+  EXPECT_FALSE(replace_file(p.c_str(), "new", 3));
   EXPECT_EQ(get_file(p), "keep");
 }
 
@@ -110,10 +110,10 @@ TEST(Files, OverwriteInPlaceNeverShortens) {
   ScratchDir dir;
   std::string p = dir.path("n");
   put_file(p, "00001234\nTAIL");
-  EXPECT_EQ(overwrite_in_place(p.c_str(), "77", 2), 1);
+  EXPECT_TRUE(overwrite_in_place(p.c_str(), "77", 2));
   EXPECT_EQ(get_file(p), "77001234\nTAIL");
   std::string created = dir.path("created");
-  EXPECT_EQ(overwrite_in_place(created.c_str(), "abc", 3), 1);
+  EXPECT_TRUE(overwrite_in_place(created.c_str(), "abc", 3));
   EXPECT_EQ(get_file(created), "abc");
 }
 
@@ -134,10 +134,10 @@ TEST(Files, NumberFiles) {
   EXPECT_EQ(read_number_file(p.c_str()), 42u);
   EXPECT_EQ(read_number_file(dir.path("missing").c_str()), 0u);
   std::string w = dir.path("written");
-  EXPECT_EQ(write_number_file(w.c_str(), 123456789), 1);
+  EXPECT_TRUE(write_number_file(w.c_str(), 123456789));
   EXPECT_EQ(get_file(w), "23456789\n");
   put_file(w, "99999999\nold tail");
-  EXPECT_EQ(write_number_file(w.c_str(), 5), 1);
+  EXPECT_TRUE(write_number_file(w.c_str(), 5));
   EXPECT_EQ(get_file(w), "00000005\nold tail");
   EXPECT_EQ(read_number_file(w.c_str()), 5u);
 }
@@ -174,40 +174,40 @@ TEST(Records, FindLineOnlyAtLineStarts) {
 TEST(Records, ValueOfFirstLineStartWins) {
   const char text[] = "xquelle=a\nquelle=b\nquelle=c\n";
   char out[32];
-  EXPECT_EQ(value_of(text, sizeof text - 1, "quelle=", out, sizeof out), 1);
+  EXPECT_TRUE(value_of(text, sizeof text - 1, "quelle=", out, sizeof out));
   EXPECT_STREQ(out, "b");
 }
 
 TEST(Records, ValueOfAtTheEndOrEmptyIsMissing) {
   char out[32] = "untouched";
   const char end[] = "a=1\nquelle=";
-  EXPECT_EQ(value_of(end, sizeof end - 1, "quelle=", out, sizeof out), 0);
+  EXPECT_FALSE(value_of(end, sizeof end - 1, "quelle=", out, sizeof out));
   EXPECT_STREQ(out, "");
   strcpy(out, "untouched");
   const char empty[] = "quelle=\nx=1\n";
-  EXPECT_EQ(value_of(empty, sizeof empty - 1, "quelle=", out, sizeof out), 0);
+  EXPECT_FALSE(value_of(empty, sizeof empty - 1, "quelle=", out, sizeof out));
   EXPECT_STREQ(out, "");
   strcpy(out, "untouched");
-  EXPECT_EQ(value_of(empty, 0, "quelle=", out, sizeof out), 0);
+  EXPECT_FALSE(value_of(empty, 0, "quelle=", out, sizeof out));
   EXPECT_STREQ(out, "untouched");
-  EXPECT_EQ(value_of(empty, sizeof empty - 1, "name=", out, sizeof out), 0);
+  EXPECT_FALSE(value_of(empty, sizeof empty - 1, "name=", out, sizeof out));
   EXPECT_STREQ(out, "untouched");
 }
 
 TEST(Records, ValueOfStopsAtCarriageReturnAndCutsAtCapacity) {
   char out[20];
   const char crlf[] = "kanal=stable\r\n";
-  EXPECT_EQ(value_of(crlf, sizeof crlf - 1, "kanal=", out, sizeof out), 1);
+  EXPECT_TRUE(value_of(crlf, sizeof crlf - 1, "kanal=", out, sizeof out));
   EXPECT_STREQ(out, "stable");
   std::string long_value = "name=" + std::string(30, 'v') + "\n";
-  EXPECT_EQ(value_of(long_value.c_str(), long_value.size(), "name=", out, sizeof out), 1);
+  EXPECT_TRUE(value_of(long_value.c_str(), long_value.size(), "name=", out, sizeof out));
   EXPECT_EQ(std::string(out), std::string(19, 'v'));
 }
 
 TEST(Records, NoSpacesAreTrimmed) {
   char out[20];
   const char text[] = "quelle = x\n";
-  EXPECT_EQ(value_of(text, sizeof text - 1, "quelle=", out, sizeof out), 0);
+  EXPECT_FALSE(value_of(text, sizeof text - 1, "quelle=", out, sizeof out));
 }
 
 TEST(Records, NumberOfFallsBackOnlyWhenMissing) {

@@ -27,18 +27,18 @@ FakeGrow fake;
 
 u64 fake_grow(u64 operation, u64 argument) {
   fake.calls.push_back({operation, argument});
-  if (operation == kGrowStep) {
-    EXPECT_EQ(argument, 256u);
+  if (operation == TAVI_GROW_STEP) {
+    EXPECT_EQ(argument, ota::kGrowStepUnits);
     return fake.step_calls < fake.steps.size() ? fake.steps[fake.step_calls++] : 1;
   }
-  EXPECT_EQ(operation, 15u);
+  EXPECT_EQ(operation, static_cast<u64>(TAVI_GROW_QUERY));
   switch (argument) {
-    case 0: return fake.state;
-    case 1: return fake.progress_calls < fake.progress.size() ? fake.progress[fake.progress_calls++] : 999;
-    case 2: return 1000;
-    case 3: return 4096;
-    case 4: return 256;
-    case 6: return 7;
+    case TAVI_GROW_STATE: return fake.state;
+    case TAVI_GROW_PERMILLE: return fake.progress_calls < fake.progress.size() ? fake.progress[fake.progress_calls++] : 999;
+    case TAVI_GROW_FS_BLOCKS: return 1000;
+    case TAVI_GROW_DEVICE_BLOCKS: return 4096;
+    case TAVI_GROW_INODES: return 256;
+    case TAVI_GROW_EXT_INODES: return 7;
   }
   ADD_FAILURE() << "unexpected query " << argument;
   return 0;
@@ -66,7 +66,7 @@ TEST(Grow, AlreadyGrownTakesNoStep) {
   fake = FakeGrow{};
   fake.state = 3;
   CapturedOutput out;
-  EXPECT_EQ(grow_run_with(fake_grow), 0);
+  EXPECT_TRUE(grow_run_with(fake_grow));
   EXPECT_EQ(out.out(), "grow: done\n" + report_with_state(3));
   EXPECT_EQ(out.err(), "");
   EXPECT_EQ(fake.step_calls, 0u);
@@ -76,7 +76,7 @@ TEST(Grow, NotPossibleFailsWithReport) {
   fake = FakeGrow{};
   fake.state = 0;
   CapturedOutput out;
-  EXPECT_EQ(grow_run_with(fake_grow), 1);
+  EXPECT_FALSE(grow_run_with(fake_grow));
   EXPECT_EQ(out.err(), "grow: not possible\n");
   EXPECT_EQ(out.out(), report_with_state(0));
   EXPECT_EQ(fake.step_calls, 0u);
@@ -88,7 +88,7 @@ TEST(Grow, ProgressIsPrintedInTenths) {
   fake.steps = {0, 0, 0, 0, 1};
   fake.progress = {0, 50, 120, 990};
   CapturedOutput out;
-  EXPECT_EQ(grow_run_with(fake_grow), 0);
+  EXPECT_TRUE(grow_run_with(fake_grow));
   EXPECT_EQ(out.out(),
             "grow: permille 0\ngrow: permille 100\ngrow: permille 900\ngrow: done\n" + report_with_state(2));
   EXPECT_EQ(out.err(), "");
@@ -103,7 +103,7 @@ TEST(Grow, ProgressGoingBackIsPrintedAgain) {
   fake.steps = {0, 0, 0, 0, 1};
   fake.progress = {310, 399, 200, 1000};
   CapturedOutput out;
-  EXPECT_EQ(grow_run_with(fake_grow), 0);
+  EXPECT_TRUE(grow_run_with(fake_grow));
   EXPECT_EQ(out.out(), "grow: permille 300\ngrow: permille 200\ngrow: permille 1000\ngrow: done\n" +
                            report_with_state(5));
 }
@@ -113,13 +113,13 @@ TEST(Grow, FailedStepEndsWithoutReport) {
   fake.steps = {0, static_cast<u64>(-5)};
   fake.progress = {100};
   CapturedOutput out;
-  EXPECT_EQ(grow_run_with(fake_grow), 1);
+  EXPECT_FALSE(grow_run_with(fake_grow));
   EXPECT_EQ(out.out(), "grow: permille 100\n");
   EXPECT_EQ(out.err(), "grow: failed 18446744073709551611\n");
   fake = FakeGrow{};
   fake.steps = {2};
   CapturedOutput second;
-  EXPECT_EQ(grow_run_with(fake_grow), 1);
+  EXPECT_FALSE(grow_run_with(fake_grow));
   EXPECT_EQ(second.out(), "");
   EXPECT_EQ(second.err(), "grow: failed 2\n");
 }
@@ -129,7 +129,7 @@ TEST(Grow, EveryCallHasTheKernelsArguments) {
   fake.steps = {0, 1};
   fake.progress = {500};
   CapturedOutput out;
-  ASSERT_EQ(grow_run_with(fake_grow), 0);
+  ASSERT_TRUE(grow_run_with(fake_grow));
   std::vector<std::pair<u64, u64>> expected = {{15, 0}, {16, 256}, {15, 1}, {16, 256}, {15, 0},
                                                {15, 2}, {15, 3},   {15, 4}, {15, 6}};
   EXPECT_EQ(fake.calls, expected);
@@ -139,7 +139,7 @@ TEST(Grow, EveryCallHasTheKernelsArguments) {
 // "can proceed" and the first step fails with that code.
 TEST(Grow, HostCallIsRefusedAsAFailure) {
   CapturedOutput out;
-  EXPECT_EQ(grow_run(), 1);
+  EXPECT_FALSE(grow_run());
   EXPECT_EQ(out.out(), "");
   EXPECT_EQ(out.err(), "grow: failed 18446744073709551578\n");
 }

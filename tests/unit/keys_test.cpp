@@ -44,12 +44,12 @@ TEST(Hex, DigitsAndExactLength) {
   EXPECT_EQ(hex_digit_value('g'), 16u);
   EXPECT_EQ(hex_digit_value(0), 16u);
   u8 out[2];
-  EXPECT_EQ(hex_decode("a0FF", out, 2), 1);
+  EXPECT_TRUE(hex_decode("a0FF", out, 2));
   EXPECT_EQ(out[0], 0xa0);
   EXPECT_EQ(out[1], 0xff);
-  EXPECT_EQ(hex_decode("a0F", out, 2), 0);
-  EXPECT_EQ(hex_decode("a0FF0", out, 2), 0);
-  EXPECT_EQ(hex_decode("a0xF", out, 2), 0);
+  EXPECT_FALSE(hex_decode("a0F", out, 2));
+  EXPECT_FALSE(hex_decode("a0FF0", out, 2));
+  EXPECT_FALSE(hex_decode("a0xF", out, 2));
 }
 
 TEST(KeyChain, LinesInAnyOrderAdvanceInSeveralPasses) {
@@ -147,44 +147,44 @@ TEST(CatalogSignature, SpareKeyIsTriedOnlyWhenLoadedAndOnlyAfterTheTrustedKey) {
   std::string by_spare = spare.sign(message);
   memcpy(trust.signature, by_spare.data(), 64);
   trust_state(stranger, 0, &spare);
-  EXPECT_EQ(verify_catalog_signature(m, message.size()), 1);
+  EXPECT_TRUE(verify_catalog_signature(m, message.size()));
   EXPECT_TRUE(trust.spare_key_used);
   trust_state(stranger, 0, nullptr);
-  EXPECT_EQ(verify_catalog_signature(m, message.size()), 0);
+  EXPECT_FALSE(verify_catalog_signature(m, message.size()));
   EXPECT_FALSE(trust.spare_key_used);
   // Both would verify: the trusted key wins and the flag stays clear.
   trust_state(spare, 0, &spare);
-  EXPECT_EQ(verify_catalog_signature(m, message.size()), 1);
+  EXPECT_TRUE(verify_catalog_signature(m, message.size()));
   EXPECT_FALSE(trust.spare_key_used);
 }
 
 TEST(TrustedKeys, LoadedFromTheDeviceFiles) {
   DeviceRoot root;
-  EXPECT_EQ(load_trusted_keys(), 0);
+  EXPECT_FALSE(load_trusted_keys());
   root.put("/system/schluessel.pub", k1.pub_bytes().substr(0, 31));
-  EXPECT_EQ(load_trusted_keys(), 0);
+  EXPECT_FALSE(load_trusted_keys());
   root.put("/system/schluessel.pub", k1.pub_bytes() + "extra");
   root.put("/system/SCHLUESSELGEN", "00000004\n");
   root.put("/system/ersatz.pub", spare.pub_bytes().substr(0, 31));
-  EXPECT_EQ(load_trusted_keys(), 1);
+  EXPECT_TRUE(load_trusted_keys());
   EXPECT_TRUE(trusted_is(k1));
   EXPECT_EQ(trust.stored_generation, 4u);
   EXPECT_EQ(trust.current_generation, 4u);
   EXPECT_FALSE(trust.spare_present);
-  EXPECT_EQ(spare_key_file_present(), 0);
+  EXPECT_FALSE(spare_key_file_present());
   root.put("/system/ersatz.pub", spare.pub_bytes());
-  EXPECT_EQ(load_trusted_keys(), 1);
+  EXPECT_TRUE(load_trusted_keys());
   EXPECT_TRUE(trust.spare_present);
-  EXPECT_EQ(spare_key_file_present(), 1);
+  EXPECT_TRUE(spare_key_file_present());
 }
 
 TEST(TrustedKeys, VersionAndGenerationFiles) {
   DeviceRoot root;
   EXPECT_EQ(read_installed_version(), 0u);
-  EXPECT_EQ(write_installed_version(12), 1);
+  EXPECT_TRUE(write_installed_version(12));
   EXPECT_EQ(root.get("/system/FASSUNG"), "00000012\n");
   root.put("/system/SCHLUESSELGEN", "99999999\nxyz");
-  EXPECT_EQ(write_key_generation(3), 1);
+  EXPECT_TRUE(write_key_generation(3));
   EXPECT_EQ(root.get("/system/SCHLUESSELGEN"), "00000003\nxyz");
   EXPECT_EQ(read_key_generation(), 3u);
 }

@@ -61,7 +61,7 @@ Bytes random_bytes(std::mt19937_64& rng, size_t n) {
 
 std::string file_digest(const std::string& path) {
   u8 out[kSha256DigestBytes];
-  EXPECT_EQ(sha256_file(path.c_str(), out), 1) << path;
+  EXPECT_TRUE(sha256_file(path.c_str(), out)) << path;
   return to_hex(out, sizeof out);
 }
 
@@ -167,7 +167,7 @@ TEST(Sha256File, EmptyFileGivesTheDigestOfNothing) {
   ScratchDir dir;
   put_file(dir.path("empty"), "");
   u8 out[kSha256DigestBytes];
-  ASSERT_EQ(sha256_file(dir.path("empty").c_str(), out), 1);
+  ASSERT_TRUE(sha256_file(dir.path("empty").c_str(), out));
   EXPECT_EQ(to_hex(out, sizeof out), kEmptyDigest);
 }
 
@@ -175,7 +175,7 @@ TEST(Sha256File, MissingFileReturnsZeroAndLeavesTheOutputAlone) {
   ScratchDir dir;
   u8 out[kSha256DigestBytes];
   memset(out, 0x5a, sizeof out);
-  EXPECT_EQ(sha256_file(dir.path("not-there").c_str(), out), 0);
+  EXPECT_FALSE(sha256_file(dir.path("not-there").c_str(), out));
   for (u8 b : out) EXPECT_EQ(b, 0x5a);
 }
 
@@ -186,7 +186,7 @@ TEST(Sha256File, ReadFailureEndsTheHashWithWhatWasRead) {
   mkdir(dir.path("sub").c_str(), 0755);
   u8 out[kSha256DigestBytes];
   memset(out, 0x5a, sizeof out);
-  EXPECT_EQ(sha256_file(dir.path("sub").c_str(), out), 1);
+  EXPECT_TRUE(sha256_file(dir.path("sub").c_str(), out));
   EXPECT_EQ(to_hex(out, sizeof out), kEmptyDigest);
 }
 
@@ -234,7 +234,7 @@ TEST(Sha256File, HashAfterAFailedOpenStartsClean) {
   u8 out[kSha256DigestBytes];
   sha256_init();
   sha256_update("left over", 9);
-  EXPECT_EQ(sha256_file(dir.path("none").c_str(), out), 0);
+  EXPECT_FALSE(sha256_file(dir.path("none").c_str(), out));
   EXPECT_EQ(file_digest(dir.path("abc")), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
@@ -247,17 +247,17 @@ TEST(Sha256Compare, LowercaseRenderingMatchesAndNothingElseDoes) {
   sha256_hex(digest, hex);
   EXPECT_STREQ(hex, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 
-  EXPECT_EQ(sha256_matches(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"), 1);
+  EXPECT_TRUE(sha256_matches(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
   // The same hash written in capitals never matches.
-  EXPECT_EQ(sha256_matches(digest, "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD"), 0);
+  EXPECT_FALSE(sha256_matches(digest, "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD"));
   // One capital letter is enough to miss.
-  EXPECT_EQ(sha256_matches(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015aD"), 0);
+  EXPECT_FALSE(sha256_matches(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015aD"));
   // Too short, empty, one digit off.
-  EXPECT_EQ(sha256_matches(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015a"), 0);
-  EXPECT_EQ(sha256_matches(digest, ""), 0);
-  EXPECT_EQ(sha256_matches(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ae"), 0);
+  EXPECT_FALSE(sha256_matches(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015a"));
+  EXPECT_FALSE(sha256_matches(digest, ""));
+  EXPECT_FALSE(sha256_matches(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ae"));
   // Only the 64 characters take part: what follows them is not looked at.
-  EXPECT_EQ(sha256_matches(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad  abc"), 1);
+  EXPECT_TRUE(sha256_matches(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad  abc"));
 }
 
 // The dispatch trusts cpu_feature_bits; on a machine whose kernel lists sha_ni the bits

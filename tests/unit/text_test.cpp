@@ -31,15 +31,15 @@ TEST(Text, FindEmptyShorterAndInside) {
 }
 
 TEST(Text, EqualOverNBytes) {
-  EXPECT_EQ(str_equal_n("abc", "abd", 2), 1);
-  EXPECT_EQ(str_equal_n("ab", "ab", 5), 1);
-  EXPECT_EQ(str_equal_n("ab", "abc", 3), 0);
-  EXPECT_EQ(str_equal_n("x", "y", 0), 1);
-  EXPECT_EQ(str_starts_with("abcdef", "abc"), 1);
-  EXPECT_EQ(str_starts_with("ab", "abc"), 0);
-  EXPECT_EQ(str_equal("abc", "abc"), 1);
-  EXPECT_EQ(str_equal("abc", "abcd"), 0);
-  EXPECT_EQ(str_equal("", ""), 1);
+  EXPECT_TRUE(str_equal_n("abc", "abd", 2));
+  EXPECT_TRUE(str_equal_n("ab", "ab", 5));
+  EXPECT_FALSE(str_equal_n("ab", "abc", 3));
+  EXPECT_TRUE(str_equal_n("x", "y", 0));
+  EXPECT_TRUE(str_starts_with("abcdef", "abc"));
+  EXPECT_FALSE(str_starts_with("ab", "abc"));
+  EXPECT_TRUE(str_equal("abc", "abc"));
+  EXPECT_FALSE(str_equal("abc", "abcd"));
+  EXPECT_TRUE(str_equal("", ""));
 }
 
 TEST(Text, AppendOperations) {

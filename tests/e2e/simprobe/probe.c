@@ -9,6 +9,8 @@
  * Words: commands separated by ",", e.g.  mount /dev/sda1 /sysesp vfat , umount /sysesp
  */
 
+#include "tavi_abi.h"
+
 typedef unsigned long u64;
 typedef long i64;
 
@@ -95,15 +97,15 @@ static u64 pack8(const char* name) {
 }
 static int is_error(i64 r) { return (u64)r >= (u64)-4095; }
 static int live(i64 slot) {
-  i64 s = sys3(1003, slot, 0, 0);
-  return !is_error(s) && s != 0 && s != 5;
+  i64 s = sys3(TAVI_TASK_INFO, slot, TAVI_TASK_STATE, 0);
+  return !is_error(s) && s != TAVI_TASK_FREE && s != TAVI_TASK_ENDED;
 }
 
 /* One command starting at word w[0], n words. */
 static void run(char** w, int n) {
   const char* c = w[0];
   if (eq(c, "spawn") && n >= 2) {
-    i64 id = sys3(1001, (i64)w[1], (i64)(w + 1), n - 1);
+    i64 id = sys3(TAVI_SPAWN, (i64)w[1], (i64)(w + 1), n - 1);
     line("spawn", id);
     if (!is_error(id)) {
       int status = 0x7f7f;
@@ -113,28 +115,28 @@ static void run(char** w, int n) {
     }
   } else if (eq(c, "spawn-count") && n >= 3) {
     /* spawn with an explicit count, to show that words beyond it are not read */
-    line("spawn", sys3(1001, (i64)w[2], (i64)(w + 2), num(w[1])));
+    line("spawn", sys3(TAVI_SPAWN, (i64)w[2], (i64)(w + 2), num(w[1])));
   } else if (eq(c, "wait") && n >= 2) {
     int status = 0;
     line("wait", sys6(61, num(w[1]), (i64)&status, 0, 0, 0));
   } else if (eq(c, "info") && n >= 2) {
-    line("info", sys3(1002, num(w[1]), 0, 0));
+    line("info", sys3(TAVI_SYSTEM_INFO, num(w[1]), 0, 0));
   } else if (eq(c, "task") && n >= 3) {
-    line("task", sys3(1003, num(w[1]), num(w[2]), 0));
+    line("task", sys3(TAVI_TASK_INFO, num(w[1]), num(w[2]), 0));
   } else if ((eq(c, "tasks32") || eq(c, "tasks128")) && n >= 1) {
     i64 slots = eq(c, "tasks32") ? 32 : 128;
     for (i64 s = 0; s < slots; s++) {
       if (!live(s)) continue;
-      u64 words[2] = {(u64)sys3(1003, s, 10, 0), (u64)sys3(1003, s, 11, 0)};
+      u64 words[2] = {(u64)sys3(TAVI_TASK_INFO, s, TAVI_TASK_NAME_LOW, 0), (u64)sys3(TAVI_TASK_INFO, s, TAVI_TASK_NAME_HIGH, 0)};
       char name[17];
       for (int i = 0; i < 16; i++) name[i] = (char)((words[i / 8] >> (8 * (i % 8))) & 255);
       name[16] = 0;
       out("slot ");
       out_num(s);
       out(" state ");
-      out_num(sys3(1003, s, 0, 0));
+      out_num(sys3(TAVI_TASK_INFO, s, TAVI_TASK_STATE, 0));
       out(" pid ");
-      out_num(sys3(1003, s, 1, 0));
+      out_num(sys3(TAVI_TASK_INFO, s, TAVI_TASK_PID, 0));
       out(" name ");
       out(name);
       out("\n");
@@ -144,23 +146,23 @@ static void run(char** w, int n) {
     u64 want = pack8(w[1]);
     int found = 0;
     for (i64 s = 0; s < 32 && !found; s++)
-      if (live(s) && (u64)sys3(1003, s, 10, 0) == want) found = 1;
+      if (live(s) && (u64)sys3(TAVI_TASK_INFO, s, TAVI_TASK_NAME_LOW, 0) == want) found = 1;
     line("named", found);
   } else if (eq(c, "endname") && n >= 2) {
     /* the scan that ends tasks: 128 slots, the whole 16-byte name */
     i64 ended = 0;
     for (i64 s = 0; s < 128; s++) {
       if (!live(s)) continue;
-      u64 words[2] = {(u64)sys3(1003, s, 10, 0), (u64)sys3(1003, s, 11, 0)};
+      u64 words[2] = {(u64)sys3(TAVI_TASK_INFO, s, TAVI_TASK_NAME_LOW, 0), (u64)sys3(TAVI_TASK_INFO, s, TAVI_TASK_NAME_HIGH, 0)};
       char name[17];
       for (int i = 0; i < 16; i++) name[i] = (char)((words[i / 8] >> (8 * (i % 8))) & 255);
       name[16] = 0;
       if (!eq(name, w[1])) continue;
-      if (!is_error(sys3(1004, sys3(1003, s, 1, 0), 137, 0))) ended++;
+      if (!is_error(sys3(TAVI_END_TASK, sys3(TAVI_TASK_INFO, s, TAVI_TASK_PID, 0), 137, 0))) ended++;
     }
     line("ended", ended);
   } else if (eq(c, "end") && n >= 3) {
-    line("end", sys3(1004, num(w[1]), num(w[2]), 0));
+    line("end", sys3(TAVI_END_TASK, num(w[1]), num(w[2]), 0));
   } else if (eq(c, "sleep") && n >= 2) {
     i64 ms = num(w[1]);
     i64 req[2] = {ms / 1000, (ms % 1000) * 1000000};
@@ -169,15 +171,15 @@ static void run(char** w, int n) {
     i64 req[2] = {num(w[1]), num(w[2])};
     line("sleep", sys3(35, (i64)req, 0, 0));
   } else if (eq(c, "reboot")) {
-    line("reboot", sys3(169, n >= 2 ? num(w[1]) : 0x1234567, 0, 0));
+    line("reboot", sys3(169, n >= 2 ? num(w[1]) : TAVI_RESTART, 0, 0));
   } else if (eq(c, "mount") && n >= 2) {
     line("mount", sys6(165, (i64)w[1], (i64)(n >= 3 ? w[2] : "/sysesp"), (i64)(n >= 4 ? w[3] : "vfat"), 0, 0));
   } else if (eq(c, "umount") && n >= 2) {
     line("umount", sys3(166, (i64)w[1], 0, 0));
   } else if (eq(c, "grow") && n >= 3) {
-    line("grow", sys6(1880, num(w[1]), num(w[2]), 0, 0, 0));
+    line("grow", sys6(TAVI_FS_GROW, num(w[1]), num(w[2]), 0, 0, 0));
   } else if (eq(c, "notify") && n >= 2) {
-    line("notify", sys6(1960, 19, 1, (i64)w[1], (i64)len(w[1]), 0));
+    line("notify", sys6(TAVI_NOTIFY, TAVI_NOTIFY_POST, TAVI_NOTIFY_POST_WORD, (i64)w[1], (i64)len(w[1]), 0));
   } else if (eq(c, "getpid")) {
     line("pid", sys3(39, 0, 0, 0));
   } else if (eq(c, "rename") && n >= 3) {

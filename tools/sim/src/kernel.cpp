@@ -25,6 +25,7 @@
 #include <sstream>
 
 #include "host.h"
+#include "tavi_abi.h"
 
 namespace tavisim {
 
@@ -42,14 +43,14 @@ constexpr int64_t kSync = 162;
 constexpr int64_t kMount = 165;
 constexpr int64_t kUmount2 = 166;
 constexpr int64_t kReboot = 169;
-constexpr int64_t kSpawn = 1001;
-constexpr int64_t kSystemInfo = 1002;
-constexpr int64_t kTaskInfo = 1003;
-constexpr int64_t kEndTask = 1004;
-constexpr int64_t kFsGrow = 1880;
-constexpr int64_t kNotify = 1960;
+constexpr int64_t kSpawn = TAVI_SPAWN;
+constexpr int64_t kSystemInfo = TAVI_SYSTEM_INFO;
+constexpr int64_t kTaskInfo = TAVI_TASK_INFO;
+constexpr int64_t kEndTask = TAVI_END_TASK;
+constexpr int64_t kFsGrow = TAVI_FS_GROW;
+constexpr int64_t kNotify = TAVI_NOTIFY;
 
-constexpr uint64_t kRestartCommand = 0x1234567;
+constexpr uint64_t kRestartCommand = TAVI_RESTART;
 // The most words a program start may pass; more is refused with E2BIG.
 constexpr uint64_t kSpawnWordLimit = 64;
 // The longest notification text kept.
