@@ -22,7 +22,6 @@ namespace {
 
 struct FetchArgs {
   std::string out;
-  std::string name;
   uint64_t offset = 0;
   bool resume = false;
   std::string url;
@@ -34,10 +33,13 @@ bool parse_fetch_words(const std::vector<std::string>& w, FetchArgs& a) {
     if (w[i] == "-o" || w[i] == "-n" || w[i] == "-b") {
       if (i + 1 >= w.size()) return false;
       const std::string& v = w[++i];
-      if (w[i - 1] == "-o") a.out = v;
-      else if (w[i - 1] == "-n") a.name = v;
-      else if (!parse_u64(v, a.offset)) return false;
-      else a.resume = true;
+      // -n names the download for a progress display, which the model does not show.
+      if (w[i - 1] == "-o") {
+        a.out = v;
+      } else if (w[i - 1] == "-b") {
+        if (!parse_u64(v, a.offset)) return false;
+        a.resume = true;
+      }
     } else if (a.url.empty()) {
       a.url = w[i];
     } else {
@@ -53,12 +55,6 @@ std::string fault_key(const FetchFault& f, size_t index) {
          std::to_string(f.times) + " #" + std::to_string(index);
 }
 
-std::string eight_digits(uint64_t v) {
-  char buf[16];
-  snprintf(buf, sizeof buf, "%08llu", static_cast<unsigned long long>(v % 100000000));
-  return buf;
-}
-
 // A number file of the device: the digits among its first eight bytes; short or missing: 0.
 uint64_t read_number(const RootFs& fs, const std::string& path) {
   auto text = fs.read(path);
@@ -69,8 +65,10 @@ uint64_t read_number(const RootFs& fs, const std::string& path) {
   return v;
 }
 
+// A line of the installer's INDEX: name, version, file and its SHA-256, which the model
+// does not check.
 struct IndexEntry {
-  std::string name, version, file, sha;
+  std::string name, version, file;
 };
 
 std::vector<IndexEntry> parse_index(const std::string& text) {
@@ -89,7 +87,7 @@ std::vector<IndexEntry> parse_index(const std::string& text) {
       if (t == std::string::npos) break;
       k = t + 1;
     }
-    if (f.size() >= 3 && !f[0].empty()) out.push_back({f[0], f[1], f[2], f.size() > 3 ? f[3] : ""});
+    if (f.size() >= 3 && !f[0].empty()) out.push_back({f[0], f[1], f[2]});
     i = n + 1;
   }
   return out;
@@ -114,15 +112,6 @@ std::string format_installed(const std::vector<std::pair<std::string, std::strin
   std::string s;
   for (auto& [n, v] : list) s += n + "\t" + v + "\n";
   return s;
-}
-
-// The n-th draw of a seeded generator (splitmix64 over seed and n): the same seed gives the
-// same draws on every host, whatever else the simulator does.
-uint64_t seeded_draw(uint64_t seed, uint64_t n) {
-  uint64_t z = seed + (n + 1) * 0x9e3779b97f4a7c15ull;
-  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
-  z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-  return z ^ (z >> 31);
 }
 
 constexpr const char* kTpkState = "/system/tpk";
@@ -308,8 +297,8 @@ int Kernel::model_fetch(Process& t, const std::vector<std::string>& words) {
   if (cfg_.fetch_drop_ppm > 0) {
     // Two draws per fetch: whether the link drops, and after how many of the bytes.
     int64_t& n = st_.counters["fetch-drop"];
-    uint64_t chance = seeded_draw(cfg_.fetch_drop_seed, static_cast<uint64_t>(n) * 2);
-    uint64_t point = seeded_draw(cfg_.fetch_drop_seed, static_cast<uint64_t>(n) * 2 + 1);
+    uint64_t chance = mix64(cfg_.fetch_drop_seed, static_cast<uint64_t>(n) * 2);
+    uint64_t point = mix64(cfg_.fetch_drop_seed, static_cast<uint64_t>(n) * 2 + 1);
     n++;
     if (chance % 1000000 < cfg_.fetch_drop_ppm) {
       piece.resize(static_cast<size_t>(point % (piece.size() + 1)));
