@@ -49,7 +49,7 @@ class LifeOperator : public LifeTest {
 
   // The download name of the second build's kernel, as its manifest gives it.
   std::string kernel_download_name() {
-    std::string manifest = e2e::read_all(system_ + "/stable/VERZEICHNIS");
+    std::string manifest = read_all(system_ + "/stable/VERZEICHNIS");
     size_t at = manifest.find("sysfile\tkernel\t");
     std::string line = manifest.substr(at, manifest.find('\n', at) - at);
     return line.substr(line.rfind('\t') + 1);

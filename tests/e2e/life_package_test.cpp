@@ -182,7 +182,7 @@ TEST_F(LifePackage, KeyChangesOverThreeCatalogsThenTheRetiredKeyIsRefused) {
       EXPECT_NE(apply.out.find(s.accepted), std::string::npos) << apply.out;
     }
     EXPECT_EQ(file("/system/SCHLUESSELGEN"), eight_digits(s.generation) + "\n");
-    EXPECT_EQ(file("/system/schluessel.pub"), e2e::read_all(key(s.signer) + ".pub"));
+    EXPECT_EQ(file("/system/schluessel.pub"), read_all(key(s.signer) + ".pub"));
     EXPECT_EQ(file("/system/FASSUNG"), eight_digits(s.version) + "\n");
     BootResult b = restart();
     EXPECT_EQ(b.start_entry.out, "ota: start healthy, trial confirmed after 60\nota: automatic search is OFF\n");
@@ -194,11 +194,11 @@ TEST_F(LifePackage, KeyChangesOverThreeCatalogsThenTheRetiredKeyIsRefused) {
   // and with it; the device keeps its key, generation and version.
   publish_packages(5, {}, "release", work_ + "/retired");
   publish_packages(5, {"--chain", chain1, "--chain", chain2}, "k2", work_ + "/retired-chain");
-  std::string with_chain = e2e::read_all(work_ + "/retired-chain/VERZEICHNIS");
+  std::string with_chain = read_all(work_ + "/retired-chain/VERZEICHNIS");
   ASSERT_NE(with_chain.find("kette\t2\t"), std::string::npos);
   std::string resigned = sign_with(key("release") + ".key", with_chain);
   ASSERT_EQ(resigned.size(), 64u);
-  e2e::write_all(work_ + "/retired-chain/VERZEICHNIS.sig", resigned);
+  write_all(work_ + "/retired-chain/VERZEICHNIS.sig", resigned);
   for (const char* command : {"search", "apply", "search-chain", "apply-chain"}) {
     SCOPED_TRACE(command);
     std::string word = command;
@@ -210,7 +210,7 @@ TEST_F(LifePackage, KeyChangesOverThreeCatalogsThenTheRetiredKeyIsRefused) {
     EXPECT_TRUE(tpk_runs(r.events).empty());
     EXPECT_EQ(phase_of(file("/system/ota.stand")), "fehler");
   }
-  EXPECT_EQ(file("/system/schluessel.pub"), e2e::read_all(key("k2") + ".pub"));
+  EXPECT_EQ(file("/system/schluessel.pub"), read_all(key("k2") + ".pub"));
   EXPECT_NE(file("/system/schluessel.pub"), old_key);
   EXPECT_EQ(file("/system/SCHLUESSELGEN"), "00000002\n");
   EXPECT_EQ(file("/system/FASSUNG"), "00000004\n");

@@ -393,8 +393,8 @@ class PowerLoss : public LifeTest {
   std::string key_state(const Device& d) {
     std::string k = d.read_file("/system/schluessel.pub").value_or("");
     std::string g = d.read_file("/system/SCHLUESSELGEN").value_or("");
-    std::string release = e2e::read_all(key("release") + ".pub");
-    std::string fresh = e2e::read_all(key(new_key_.first) + ".pub");
+    std::string release = read_all(key("release") + ".pub");
+    std::string fresh = read_all(key(new_key_.first) + ".pub");
     if (k == release && (g.empty() || g == "00000000\n")) return "old";
     if (k == fresh && g == eight_digits(new_key_.second) + "\n") return "new";
     std::string which = k.empty() ? "missing" : k == release ? "release" : k == fresh ? new_key_.first : "other";
@@ -549,7 +549,7 @@ class PowerLoss : public LifeTest {
         o.note += "then left " + decided;
         // The new key in place with the old generation: catalogs signed with the new key
         // are taken, but the next key change can no longer be followed.
-        if (kind == Kind::keys && d.read_file("/system/schluessel.pub") == e2e::read_all(key(new_key_.first) + ".pub"))
+        if (kind == Kind::keys && d.read_file("/system/schluessel.pub") == read_all(key(new_key_.first) + ".pub"))
           o.known = "key generation";
       }
       state = decided;
@@ -624,7 +624,7 @@ class PowerLoss : public LifeTest {
               read_or(d, "/system/tpk/installed") == "core\t3\neditor\t3\n" && !trial_open(d);
     *why = package_state(d);
     if (kind == Kind::keys) {
-      ok = ok && d.read_file("/system/schluessel.pub") == e2e::read_all(key(later_key_.first) + ".pub") &&
+      ok = ok && d.read_file("/system/schluessel.pub") == read_all(key(later_key_.first) + ".pub") &&
            read_or(d, "/system/SCHLUESSELGEN") == eight_digits(later_key_.second) + "\n";
       *why += ", " + key_state(d);
     }
@@ -939,7 +939,7 @@ TEST_F(PowerLossKnown, AKeyChangeCutBeforeItsGenerationIsWrittenBreaksTheNextOne
   // with the new key are still taken, but the next key change is refused for good, since
   // its first step is signed by a key the device no longer holds.
   prepare(Road::key_change_one);
-  std::string k1 = e2e::read_all(key("k1") + ".pub");
+  std::string k1 = read_all(key("k1") + ".pub");
   uint64_t k = first_cut_where(
       Road::key_change_one,
       [&](Device& d) { return d.read_file("/system/schluessel.pub") == k1 && !d.exists("/system/SCHLUESSELGEN"); },
@@ -963,7 +963,7 @@ TEST_F(PowerLossKnown, AKeyChangeCutBeforeItsGenerationIsWrittenBreaksTheNextOne
   next = d.run({"apply"});
   EXPECT_EQ(next.status, 0) << next.err;
   EXPECT_NE(next.out.find("ota: KEY CHANGE accepted, new generation 2\n"), std::string::npos) << next.out;
-  EXPECT_EQ(d.read_file("/system/schluessel.pub"), e2e::read_all(key("k2") + ".pub"));
+  EXPECT_EQ(d.read_file("/system/schluessel.pub"), read_all(key("k2") + ".pub"));
 }
 
 TEST_F(PowerLossKnown, AKeyReplacementCutBeforeItsRenameIsFinishedByTheNextCommand) {
@@ -980,7 +980,7 @@ TEST_F(PowerLossKnown, AKeyReplacementCutBeforeItsRenameIsFinishedByTheNextComma
   RunResult search = d.run({"search"});
   EXPECT_EQ(search.err, "");
   EXPECT_EQ(search.status, 0);
-  EXPECT_EQ(d.read_file("/system/schluessel.pub"), e2e::read_all(key("k1") + ".pub"));
+  EXPECT_EQ(d.read_file("/system/schluessel.pub"), read_all(key("k1") + ".pub"));
   EXPECT_FALSE(d.exists("/system/schluessel.pub.nw"));
 }
 

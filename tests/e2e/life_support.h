@@ -4,12 +4,11 @@
 // with one entry, a kernel in slot A, version 1 of the packages, a desktop that comes up
 // 25 s after each start) and a release engineer's tools to publish what comes next.
 
-#include <openssl/evp.h>
-
 #include <map>
 #include <string>
 #include <vector>
 
+#include "bytes.h"
 #include "tavisim/boot.h"
 #include "update_source.h"
 
@@ -27,25 +26,6 @@ constexpr const char* kFirstCommit = "0000000";
 // Kernel images larger than one copy block (32768 bytes), so copying slot B over slot A
 // takes several reads and writes.
 constexpr size_t kKernelBytes = 70000;
-
-inline std::string sha256_hex(const std::string& data) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int n = 0;
-  EVP_Digest(data.data(), data.size(), digest, &n, EVP_sha256(), nullptr);
-  static const char* hex = "0123456789abcdef";
-  std::string out;
-  for (unsigned int i = 0; i < n; i++) {
-    out += hex[digest[i] >> 4];
-    out += hex[digest[i] & 15];
-  }
-  return out;
-}
-
-inline std::string eight_digits(uint64_t v) {
-  char buf[16];
-  snprintf(buf, sizeof buf, "%08llu", static_cast<unsigned long long>(v % 100000000));
-  return buf;
-}
 
 // The menu a tavi installation writes: one entry that boots slot A.
 inline std::string installed_menu() {
@@ -93,7 +73,7 @@ class LifeTest : public e2e::SourceTest {
     system_ = scratch("system");
     device().add_repo(kSystemUrl, system_);
     device().write_file("/etc/ota.conf", std::string("quelle=") + e2e::kSourceUrl + "\nname=life\nauto=nein\n");
-    device().write_file("/system/ersatz.pub", e2e::read_all(key("spare") + ".pub"));
+    device().write_file("/system/ersatz.pub", read_all(key("spare") + ".pub"));
     device().write_file("/system/FASSUNG", "00000001\n");
     device().write_file("/system/SYSVERSION", eight_digits(kFirstBuild) + "\n");
     device().write_file("/system/tpk/installed", "core\t1\neditor\t1\n");
@@ -115,7 +95,7 @@ class LifeTest : public e2e::SourceTest {
     if (!healthy) words.push_back("--broken");
     e2e::ToolResult r = e2e::publish(words);
     EXPECT_EQ(r.status, 0) << r.output;
-    return e2e::read_all(path);
+    return read_all(path);
   }
 
   // A system build whose overlay replaces /bin/clock and /etc/motd and adds
@@ -133,14 +113,14 @@ class LifeTest : public e2e::SourceTest {
   void publish_system(const SystemBuild& b) {
     std::string dir = work_ + "/files/" + std::to_string(b.build);
     std::string kernel_path = dir + "/tavi-" + std::to_string(b.build) + ".mb";
-    e2e::write_all(kernel_path, b.kernel);
+    write_all(kernel_path, b.kernel);
     Words words = {"system", "--key", key("release") + ".key", "--out", system_ + "/stable", "--build",
                    std::to_string(b.build), "--commit", b.commit, "--kernel", kernel_path, "--force"};
     int i = 0;
     for (const auto& [path, content] : b.files) {
       std::string target = path.rfind("/bin/", 0) == 0 ? path.substr(5) : path;
       std::string host = dir + "/overlay-" + std::to_string(i++);
-      e2e::write_all(host, content);
+      write_all(host, content);
       words.push_back("--file");
       // Every other file also gets a gzip variant, so both download roads are taken.
       words.push_back(target + "=" + host + (i % 2 ? ":gz" : ""));

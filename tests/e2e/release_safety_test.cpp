@@ -8,12 +8,6 @@ using tavisim::RunResult;
 
 namespace {
 
-std::string from_hex(const std::string& text) {
-  std::string out;
-  for (size_t i = 0; i + 1 < text.size(); i += 2) out.push_back(static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16)));
-  return out;
-}
-
 class ReleaseSafetyTest : public SystemTest {
  protected:
   std::string file(const std::string& path) { return device().read_file(path).value_or("<missing>"); }
@@ -92,8 +86,8 @@ TEST_F(ReleaseSafetyTest, ADeviceThatFollowsAKeyChangeToTheIdentityAcceptsAForge
   std::string chain_line = "kette\t1\t" + key_field + "\t" + to_hex(signer_.sign(step)) + "\n";
   std::string catalog = "OTA2\nfassung\t9\n" + chain_line;
   // R = B (y = 4/5), S = 1: no private key was used to make it.
-  std::string forged = from_hex("5866666666666666666666666666666666666666666666666666666666666666") +
-                       from_hex("0100000000000000000000000000000000000000000000000000000000000000");
+  std::string forged = unhex("5866666666666666666666666666666666666666666666666666666666666666") +
+                       unhex("0100000000000000000000000000000000000000000000000000000000000000");
   write_all(source_ + "/VERZEICHNIS", catalog);
   write_all(source_ + "/VERZEICHNIS.sig", forged);
   RunResult r = device().run({"search"});

@@ -2,7 +2,7 @@
 // real ota takes a package release and a system release signed through the token, one
 // signed offline from an --unsigned source, and a key change from one token's key to
 // another's; a catalog signed by a token key the device does not trust is refused.
-#include "../publish/token_support.h"
+#include "token_support.h"
 #include "system_source.h"
 
 using namespace e2e;
@@ -11,19 +11,6 @@ using token_test::SoftTokens;
 using Words = std::vector<std::string>;
 
 namespace {
-
-bool openssl_verifies(const std::string& pub, const std::string& message, const std::string& sig) {
-  if (pub.size() != 32 || sig.size() != 64) return false;
-  EVP_PKEY* key =
-      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char*>(pub.data()), 32);
-  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-  bool ok = key != nullptr && EVP_DigestVerifyInit(ctx, nullptr, nullptr, nullptr, key) == 1 &&
-            EVP_DigestVerify(ctx, reinterpret_cast<const unsigned char*>(sig.data()), 64,
-                             reinterpret_cast<const unsigned char*>(message.data()), message.size()) == 1;
-  EVP_MD_CTX_free(ctx);
-  EVP_PKEY_free(key);
-  return ok;
-}
 
 class TokenRelease : public SystemTest {
  protected:

@@ -10,7 +10,7 @@
 
 #include <sstream>
 
-#include "../unit/signing.h"
+#include "signing.h"
 #include "device_test.h"
 
 namespace tavisim {

@@ -1,12 +1,15 @@
 // The simulator's link that drops (fetch-drop SHARE SEED): a fetch breaks off after a
 // random part of its bytes with the given chance, the same way for the same seed.
-#include "update_source.h"
+#include <filesystem>
 
-using namespace e2e;
+#include "device_test.h"
+#include "files.h"
+
 using tavisim::RunResult;
 
 namespace {
 
+constexpr const char* kSourceUrl = "http://updates.tavi.test/aktuell";
 constexpr size_t kFileBytes = 5000;
 constexpr int kFetches = 20;
 
@@ -49,7 +52,22 @@ void drop_links(tavisim::Device& d, uint32_t ppm, uint64_t seed) {
 
 }  // namespace
 
-class FetchDropTest : public SourceTest {};
+// A device whose source is a host directory; ota's fetch takes files from it.
+class FetchDropTest : public tavisim::DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    source_ = scratch("source");
+    serve_source(device());
+  }
+
+  void serve_source(tavisim::Device& d) const {
+    d.add_repo(kSourceUrl, source_);
+    d.write_file("/etc/ota.conf", std::string("quelle=") + kSourceUrl + "\n");
+  }
+
+  std::string source_;
+};
 
 TEST_F(FetchDropTest, ALinkThatDropsKeepsOnlyTheFirstBytesOfSomeFetches) {
   write_all(source_ + "/INDEX", pattern());
@@ -71,8 +89,7 @@ TEST_F(FetchDropTest, TheSameSeedDropsTheSameFetchesAndAnotherSeedOthers) {
     auto fresh = [&](uint64_t seed) {
       tavisim::Device d = tavisim::Device::create(OTA_BINARY);
       dirs.push_back(d.dir());
-      d.add_repo(kSourceUrl, source_);
-      d.write_file("/etc/ota.conf", std::string("quelle=") + kSourceUrl + "\n");
+      serve_source(d);
       drop_links(d, 500000, seed);
       return d;
     };

@@ -9,16 +9,15 @@
 #include <fstream>
 #include <sstream>
 
+#include "files.h"
+#include "run.h"
 #include "tavisim/boot.h"
 #include "tavisim/device.h"
 
 namespace tavisim {
 namespace {
 
-struct Cli {
-  int status = -1;
-  std::string out, err;
-};
+using Cli = Ran;
 
 class SimCli : public ::testing::Test {
  protected:
@@ -32,27 +31,7 @@ class SimCli : public ::testing::Test {
   }
   void TearDown() override { std::filesystem::remove_all(base_); }
 
-  static std::string quote(const std::string& w) {
-    std::string r = "'";
-    for (char c : w) r += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return r + "'";
-  }
-  static std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  }
-
-  Cli sim(const std::vector<std::string>& args) {
-    std::string cmd = quote(OTA_SIM);
-    for (auto& a : args) cmd += " " + quote(a);
-    cmd += " >" + quote(base_ + "/out") + " 2>" + quote(base_ + "/err");
-    Cli c;
-    int rc = system(cmd.c_str());
-    c.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-    c.out = slurp(base_ + "/out");
-    c.err = slurp(base_ + "/err");
-    return c;
-  }
+  Cli sim(const std::vector<std::string>& args) { return run_program(OTA_SIM, args); }
 
   void init(std::vector<std::string> extra = {}) {
     std::vector<std::string> args = {"init", dev_, "--binary", OTA_BINARY};
@@ -70,7 +49,7 @@ TEST_F(SimCli, InitMakesTheDeviceLayout) {
                         "disks/sda1.img", "sim.conf", "kernel.state", "events.log"})
     EXPECT_TRUE(std::filesystem::exists(dev_ + "/" + p)) << p;
   EXPECT_FALSE(std::filesystem::exists(dev_ + "/root/etc/ota.conf"));
-  EXPECT_EQ(slurp(dev_ + "/root/bin/ota"), slurp(OTA_BINARY));
+  EXPECT_EQ(read_all(dev_ + "/root/bin/ota"), read_all(OTA_BINARY));
   EXPECT_EQ(fat_read(dev_ + "/disks/sda1.img", "limine.conf"), default_limine_conf());
   EXPECT_EQ(fat_check(dev_ + "/disks/sda1.img"), 0);
   // A directory that already holds a device is not made again.
@@ -92,7 +71,7 @@ TEST_F(SimCli, RunPassesOutputThroughAndExitsWithOtasStatus) {
   c = sim({"run", dev_, "--", "set", "kanal", "dev"});
   EXPECT_EQ(c.status, 0);
   EXPECT_EQ(c.out, "ota: set kanal is now dev\n");
-  EXPECT_EQ(slurp(dev_ + "/root/etc/ota.conf"), "kanal=dev\n");
+  EXPECT_EQ(read_all(dev_ + "/root/etc/ota.conf"), "kanal=dev\n");
 }
 
 TEST_F(SimCli, ACutRunExitsWith251AndSaysSoOnlyWhenAsked) {
@@ -142,7 +121,7 @@ TEST_F(SimCli, SetAddAndUnsetEditSimConfAndRefuseBadValues) {
   EXPECT_EQ(sim({"set", dev_, "free-blocks", "42"}).status, 0);
   EXPECT_EQ(sim({"add", dev_, "task", "3", "desktop", "20"}).status, 0);
   EXPECT_EQ(sim({"add", dev_, "task", "4", "glogin", "25"}).status, 0);
-  Config c = parse_config(slurp(dev_ + "/sim.conf"));
+  Config c = parse_config(read_all(dev_ + "/sim.conf"));
   EXPECT_EQ(c.free_blocks, 42u);
   EXPECT_EQ(c.tasks.size(), 2u);
   Cli bad = sim({"set", dev_, "free-blocks", "many"});
@@ -152,9 +131,9 @@ TEST_F(SimCli, SetAddAndUnsetEditSimConfAndRefuseBadValues) {
   bad = sim({"set", dev_, "no-such-key", "1"});
   EXPECT_NE(bad.status, 0);
   EXPECT_NE(bad.err.find("no-such-key"), std::string::npos) << bad.err;
-  EXPECT_EQ(parse_config(slurp(dev_ + "/sim.conf")).free_blocks, 42u);  // untouched by the refusals
+  EXPECT_EQ(parse_config(read_all(dev_ + "/sim.conf")).free_blocks, 42u);  // untouched by the refusals
   EXPECT_EQ(sim({"unset", dev_, "task"}).status, 0);
-  EXPECT_TRUE(parse_config(slurp(dev_ + "/sim.conf")).tasks.empty());
+  EXPECT_TRUE(parse_config(read_all(dev_ + "/sim.conf")).tasks.empty());
   Cli conf = sim({"conf", dev_});
   EXPECT_NE(conf.out.find("free-blocks 42"), std::string::npos);
 }
@@ -166,7 +145,7 @@ TEST_F(SimCli, BootStartsTheMachineAndRunsTheStartUpEntry) {
   EXPECT_EQ(c.status, 0) << c.err;
   EXPECT_EQ(c.out.rfind("ota: settings (/etc/ota.conf)\n", 0), 0u) << c.out;
   EXPECT_EQ(c.err, "tavi-sim boot: sda1 entry 1 /tavi.mb build 1 commit 0000000 healthy\n");
-  EXPECT_EQ(slurp(dev_ + "/root/proc/version"), "tavi 1 build 0000000 (tavi-sim stand-in kernel)\n");
+  EXPECT_EQ(read_all(dev_ + "/root/proc/version"), "tavi 1 build 0000000 (tavi-sim stand-in kernel)\n");
   std::filesystem::remove(dev_ + "/disks/sda1.img");
   c = sim({"boot", dev_});
   EXPECT_EQ(c.status, 3);
@@ -194,7 +173,7 @@ TEST_F(SimCli, BootPicksAnEntryByHandAndFirmwareShowsTheRememberedEntry) {
   EXPECT_EQ(sim({"boot", dev_, "--pick"}).status, 2);
   EXPECT_EQ(sim({"firmware", dev_, "clear"}).status, 0);
   EXPECT_EQ(sim({"firmware", dev_}).out, "");
-  EXPECT_EQ(slurp(dev_ + "/firmware.state"),
+  EXPECT_EQ(read_all(dev_ + "/firmware.state"),
             "# tavi-sim firmware state: the boot loader's variables, kept across restarts\n");
   EXPECT_EQ(sim({"firmware", dev_, "forget"}).status, 2);
 

@@ -8,9 +8,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "../../tools/sim/src/esp_mount.h"
-#include "../../tools/sim/src/host.h"
-#include "../../tools/sim/src/kernel.h"
+#include "esp_mount.h"
+#include "host.h"
+#include "kernel.h"
 #include "tavisim/config.h"
 #include "tavisim/esp.h"
 #include "tavisim/events.h"
