@@ -238,20 +238,6 @@ TEST_F(CheckSystemTest, RefusesAMissingKernelEntryAndBadOverlayLines) {
 }
 
 // A gzip member of data, made with zlib.
-std::string gzip(const std::string& data) {
-  z_stream z{};
-  EXPECT_EQ(deflateInit2(&z, 9, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY), Z_OK);
-  std::string out(deflateBound(&z, data.size()) + 64, '\0');
-  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-  z.avail_in = static_cast<uInt>(data.size());
-  z.next_out = reinterpret_cast<Bytef*>(out.data());
-  z.avail_out = static_cast<uInt>(out.size());
-  EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
-  out.resize(z.total_out);
-  deflateEnd(&z);
-  return out;
-}
-
 TEST_F(CheckSystemTest, RefusesAKernelLimineOnUefiWouldNotStartWhetherPlainOrPacked) {
   // The stand-in kernel with its header's flags changed to text mode and the checksum made
   // good again: 4096 bytes, the header at offset 52.
@@ -264,7 +250,7 @@ TEST_F(CheckSystemTest, RefusesAKernelLimineOnUefiWouldNotStartWhetherPlainOrPac
   }
   std::string text = read_all(s("sys/VERZEICHNIS"));
   std::string sha = sha256_hex(read_all(s("tavi.mb")));
-  std::string packed = gzip(text_mode);
+  std::string packed = gzip_by_zlib(text_mode);
   write_all(s("sys/tavi.mb.gz"), packed);
   write_all(s("sys/tavi.mb"), text_mode);
   std::string announced = text;

@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -24,6 +23,7 @@
 #include "run.h"
 #include "signing.h"
 #include "trust/ed25519.h"
+#include "zlib_reference.h"
 
 namespace publish_test {
 
@@ -89,26 +89,6 @@ inline std::string openssl_sign(const std::string& key_path, const std::string& 
   EVP_MD_CTX_free(ctx);
   EVP_PKEY_free(key);
   return ok ? std::string(reinterpret_cast<char*>(sig), len) : "";
-}
-
-// Unpacks one gzip member with zlib; false when it is not a complete, valid member.
-inline bool gunzip(const std::string& packed, std::string& out) {
-  z_stream s{};
-  if (inflateInit2(&s, 15 + 16) != Z_OK) return false;
-  s.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(packed.data()));
-  s.avail_in = static_cast<uInt>(packed.size());
-  char chunk[16384];
-  int rc = Z_OK;
-  out.clear();
-  while (rc == Z_OK) {
-    s.next_out = reinterpret_cast<Bytef*>(chunk);
-    s.avail_out = sizeof chunk;
-    rc = inflate(&s, Z_NO_FLUSH);
-    out.append(chunk, sizeof chunk - s.avail_out);
-    if (rc == Z_BUF_ERROR) break;
-  }
-  inflateEnd(&s);
-  return rc == Z_STREAM_END;
 }
 
 // The lines of a text, without their LFs.

@@ -51,7 +51,7 @@ TEST_F(ProbeTest, SpawnPassesTheCountedWordsToAConfiguredProgramAndWaitGivesItsC
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(has_line(r.out, "wait 0")) << r.out;
   EXPECT_TRUE(has_line(r.out, "code 3")) << r.out;
-  EXPECT_EQ(read_host(log), "[a]\n[b c]\n[]\n" + device().root() + "\n");
+  EXPECT_EQ(read_all(log), "[a]\n[b c]\n[]\n" + device().root() + "\n");
   auto spawns = events_of(r.events, "spawn");
   ASSERT_EQ(spawns.size(), 1u);
   EXPECT_EQ(spawns[0].fields[0], "exit=3");
@@ -63,7 +63,7 @@ TEST_F(ProbeTest, SpawnPassesTheCountedWordsToAConfiguredProgramAndWaitGivesItsC
 
   // The count bounds the words: nothing behind it is read.
   r = probe("spawn-count 2 /bin/tool x y z");
-  EXPECT_EQ(read_host(log), "[x]\n" + device().root() + "\n");
+  EXPECT_EQ(read_all(log), "[x]\n" + device().root() + "\n");
 }
 
 TEST_F(ProbeTest, AConfiguredProgramWritesWhereItsCallerWrites) {
@@ -112,7 +112,7 @@ TEST_F(ProbeTest, TheRootsctlModelRecordsTheAppliedFile) {
   ASSERT_EQ(ev.size(), 1u);
   EXPECT_EQ(ev[0].value("size"), "28");
   EXPECT_EQ(ev[0].value("sha256").size(), 64u);
-  EXPECT_EQ(read_host(device().dir() + "/rootsctl/applied.pem"), "-----BEGIN CERTIFICATE-----\n");
+  EXPECT_EQ(read_all(device().dir() + "/rootsctl/applied.pem"), "-----BEGIN CERTIFICATE-----\n");
   r = probe("spawn /bin/rootsctl apply /system/new/missing.pem");
   EXPECT_TRUE(has_line(r.out, "code 1")) << r.out;
 }
