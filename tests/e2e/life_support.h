@@ -65,6 +65,35 @@ inline std::map<std::string, std::string> first_files() {
           {"/apps/clock/start", ""}};  // empty content: the file does not exist
 }
 
+// What `ota system apply` prints of build b over the installed build: the verbose check,
+// then its overlay files verified.
+inline std::string checked_output(const SystemBuild& b, uint64_t installed = kFirstBuild) {
+  size_t files = 0;
+  for (const auto& [path, content] : b.files) files += content.empty() ? 0 : 1;
+  return std::string("ota: source ") + kSystemUrl + "\nota: channel stable\nsystem: installed build " +
+         std::to_string(installed) + "\nsystem: available build " + std::to_string(b.build) + "\nsystem: commit " +
+         b.commit + "\nsystem: overlay files verified: " + std::to_string(files) + "\n";
+}
+
+// ... when it stages the build in slot B.
+inline std::string staged_output(const SystemBuild& b, uint64_t installed = kFirstBuild) {
+  return checked_output(b, installed) + "system: staged in slot B, restart to install\n";
+}
+
+// ... when the offered kernel already runs and only the files change.
+inline std::string applied_output(const SystemBuild& b, uint64_t installed = kFirstBuild) {
+  return checked_output(b, installed) + "system: overlay committed\nsystem: applied, no restart needed (same kernel)\n";
+}
+
+// What the start-up entry prints at the start that confirms a staged build: the desktop is
+// up by the 60th second, the overlay is committed, slot B is promoted, and the service
+// (switched off with auto=nein) ends.
+inline const std::string kPromoted =
+    "ota: start healthy, trial confirmed after 60\n"
+    "system: overlay committed\n"
+    "system: new kernel confirmed and promoted to slot A\n"
+    "ota: automatic search is OFF\n";
+
 class LifeTest : public e2e::SourceTest {
  protected:
   void SetUp() override {
