@@ -94,6 +94,29 @@ inline const std::string kPromoted =
     "system: new kernel confirmed and promoted to slot A\n"
     "ota: automatic search is OFF\n";
 
+inline const std::string kReady = "ota: READY FOR RESTART -- it will NOT\n     restart by itself. `reboot`.\n";
+
+// What `ota apply` prints when it installs core and editor of version v (as
+// publish_packages makes them) over version here, with the device's default free space;
+// `key_change` is the key change line the catalog brings, if any.
+inline std::string package_apply_output(uint64_t here, uint64_t v, const std::string& key_change = "") {
+  uint64_t core = 3000 + v, editor = 2000 + v, sum = core + editor;
+  uint64_t needed = core + sum + 524288 + sum / 8;
+  std::string n = std::to_string(v);
+  return std::string("ota: source ") + e2e::kSourceUrl + "\n" + key_change + "ota: version here " +
+         std::to_string(here) + "\nota: version there " + n + "\nota: space 4096000000\nota: needed " +
+         std::to_string(needed) + "\nota: hash ok core-" + n + ".tpk\nota: hash ok editor-" + n +
+         ".tpk\nota: applying with tpk core\nota: applying with tpk editor\n" + kReady;
+}
+
+// What `ota show` prints on this device (spare key present, no channel).
+inline std::string show_output(uint64_t version, uint64_t key_generation, uint64_t generation,
+                               const std::string& trial = "ota: nothing in trial\n") {
+  return std::string("ota: source ") + e2e::kSourceUrl + "\nota: platform tavi-x86_64\nota: version here " +
+         std::to_string(version) + "\nota: key generation " + std::to_string(key_generation) +
+         "\nota: spare key present\nota: generation " + std::to_string(generation) + "\n" + trial;
+}
+
 class LifeTest : public e2e::SourceTest {
  protected:
   void SetUp() override {
