@@ -19,10 +19,7 @@ TEST_F(LifePackage, AnUpdateIsConfirmedByTheFirstHealthyStart) {
   publish_packages(2);
   RunResult search = device().run({"search"});
   ASSERT_EQ(search.status, 0) << search.err;
-  EXPECT_EQ(search.out, std::string("ota: source ") + e2e::kSourceUrl +
-                            "\nota: version here 1\nota: version there 2\nota: NEW VERSION available\n"
-                            "ota: platform tavi-x86_64\nota: package core base-system tavi-x86_64\n"
-                            "ota: package editor text-editor tavi-any\n");
+  EXPECT_EQ(search.out, package_search_output(1, 2));
   EXPECT_EQ(search.err, "");
   EXPECT_EQ(phase_of(file("/system/ota.stand")), "verfuegbar");
 
@@ -46,7 +43,7 @@ TEST_F(LifePackage, AnUpdateIsConfirmedByTheFirstHealthyStart) {
   ASSERT_TRUE(b.booted) << b.stuck;
   EXPECT_EQ(b.entry, 1);
   EXPECT_EQ(b.trial_starts, 1);
-  EXPECT_EQ(b.start_entry.out, "ota: start healthy, trial confirmed after 60\nota: automatic search is OFF\n");
+  EXPECT_EQ(b.start_entry.out, kHealthyStart);
   auto tpk = tavisim::events_of(b.start_entry.events, "spawn");
   ASSERT_EQ(tpk.size(), 1u);
   EXPECT_EQ(tpk[0].fields, (Words{"exit=0", "/bin/tpk", "trial", "ok"}));
@@ -186,7 +183,7 @@ TEST_F(LifePackage, KeyChangesOverThreeCatalogsThenTheRetiredKeyIsRefused) {
     EXPECT_EQ(file("/system/schluessel.pub"), read_all(key(s.signer) + ".pub"));
     EXPECT_EQ(file("/system/FASSUNG"), eight_digits(s.version) + "\n");
     BootResult b = restart();
-    EXPECT_EQ(b.start_entry.out, "ota: start healthy, trial confirmed after 60\nota: automatic search is OFF\n");
+    EXPECT_EQ(b.start_entry.out, kHealthyStart);
     RunResult show = device().run({"show"});
     EXPECT_EQ(show.out, show_output(s.version, s.generation, 4 + s.version - 1));
   }
@@ -222,10 +219,10 @@ TEST_F(LifePackage, AReplayedCatalogIsRefusedAndAWithdrawnVersionStaysBlocked) {
   publish_packages(2);
   keep_catalog(source_, work_ + "/catalog-2");
   ASSERT_EQ(device().run({"apply"}).status, 0);
-  ASSERT_EQ(restart().start_entry.out.rfind("ota: start healthy", 0), 0u);
+  ASSERT_EQ(restart().start_entry.out, kHealthyStart);
   publish_packages(3);
   ASSERT_EQ(device().run({"apply"}).status, 0);
-  ASSERT_EQ(restart().start_entry.out.rfind("ota: start healthy", 0), 0u);
+  ASSERT_EQ(restart().start_entry.out, kHealthyStart);
   ASSERT_EQ(file("/system/FASSUNG"), "00000003\n");
 
   // An attacker (or a stale mirror) serves the old, validly signed catalog of version 2.
@@ -268,7 +265,7 @@ TEST_F(LifePackage, AReplayedCatalogIsRefusedAndAWithdrawnVersionStaysBlocked) {
   publish_packages(5);
   ASSERT_EQ(device().run({"apply"}).status, 0);
   BootResult b = restart();
-  EXPECT_EQ(b.start_entry.out, "ota: start healthy, trial confirmed after 60\nota: automatic search is OFF\n");
+  EXPECT_EQ(b.start_entry.out, kHealthyStart);
   EXPECT_EQ(file("/system/FASSUNG"), "00000005\n");
   EXPECT_EQ(file("/system/tpk/installed"), "core\t5\neditor\t5\n");
   EXPECT_EQ(file("/system/GESPERRT"), "00000004\n");

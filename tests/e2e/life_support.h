@@ -85,6 +85,10 @@ inline std::string applied_output(const SystemBuild& b, uint64_t installed = kFi
   return checked_output(b, installed) + "system: overlay committed\nsystem: applied, no restart needed (same kernel)\n";
 }
 
+// What the start-up entry prints at the start that confirms a package trial: the desktop is
+// up by the 60th second, the installer confirms, and the service (auto=nein) ends.
+inline const std::string kHealthyStart = "ota: start healthy, trial confirmed after 60\nota: automatic search is OFF\n";
+
 // What the start-up entry prints at the start that confirms a staged build: the desktop is
 // up by the 60th second, the overlay is committed, slot B is promoted, and the service
 // (switched off with auto=nein) ends.
@@ -99,11 +103,12 @@ inline const std::string kReady = "ota: READY FOR RESTART -- it will NOT\n     r
 // What `ota apply` prints when it installs core and editor of version v (as
 // publish_packages makes them) over version here, with the device's default free space;
 // `key_change` is the key change line the catalog brings, if any.
-inline std::string package_apply_output(uint64_t here, uint64_t v, const std::string& key_change = "") {
+inline std::string package_apply_output(uint64_t here, uint64_t v, const std::string& key_change = "",
+                                        const std::string& source = e2e::kSourceUrl) {
   uint64_t core = 3000 + v, editor = 2000 + v, sum = core + editor;
   uint64_t needed = core + sum + 524288 + sum / 8;
   std::string n = std::to_string(v);
-  return std::string("ota: source ") + e2e::kSourceUrl + "\n" + key_change + "ota: version here " +
+  return "ota: source " + source + "\n" + key_change + "ota: version here " +
          std::to_string(here) + "\nota: version there " + n + "\nota: space 4096000000\nota: needed " +
          std::to_string(needed) + "\nota: hash ok core-" + n + ".tpk\nota: hash ok editor-" + n +
          ".tpk\nota: applying with tpk core\nota: applying with tpk editor\n" + kReady;
@@ -115,6 +120,14 @@ inline std::string show_output(uint64_t version, uint64_t key_generation, uint64
   return std::string("ota: source ") + e2e::kSourceUrl + "\nota: platform tavi-x86_64\nota: version here " +
          std::to_string(version) + "\nota: key generation " + std::to_string(key_generation) +
          "\nota: spare key present\nota: generation " + std::to_string(generation) + "\n" + trial;
+}
+
+// What `ota search` prints when it finds core and editor of version v over version here.
+inline std::string package_search_output(uint64_t here, uint64_t v) {
+  return std::string("ota: source ") + e2e::kSourceUrl + "\nota: version here " + std::to_string(here) +
+         "\nota: version there " + std::to_string(v) +
+         "\nota: NEW VERSION available\nota: platform tavi-x86_64\nota: package core base-system tavi-x86_64\n"
+         "ota: package editor text-editor tavi-any\n";
 }
 
 class LifeTest : public e2e::SourceTest {

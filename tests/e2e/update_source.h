@@ -8,6 +8,7 @@
 
 #include "device_test.h"
 #include "files.h"
+#include "ota_texts.h"
 #include "run.h"
 #include "signing.h"
 

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "files.h"
+#include "ota_texts.h"
 #include "run.h"
 #include "tavisim/boot.h"
 #include "tavisim/device.h"
@@ -62,12 +63,12 @@ TEST_F(SimCli, RunPassesOutputThroughAndExitsWithOtasStatus) {
   init();
   Cli c = sim({"run", dev_, "--"});
   EXPECT_EQ(c.status, 0);
-  EXPECT_EQ(c.out, "ota search | show | apply\nota confirm | rollback | watchdog | service | system search|apply|status\n");
+  EXPECT_EQ(c.out, kUsage);
   EXPECT_EQ(c.err, "");
   c = sim({"run", dev_, "--", "set", "Quelle", "x"});
   EXPECT_EQ(c.status, 1);
   EXPECT_EQ(c.out, "");
-  EXPECT_EQ(c.err, "ota: not a key: quelle name abstand auto frist kanal gesund\n");
+  EXPECT_EQ(c.err, kNotAKey);
   c = sim({"run", dev_, "--", "set", "kanal", "dev"});
   EXPECT_EQ(c.status, 0);
   EXPECT_EQ(c.out, "ota: set kanal is now dev\n");
