@@ -645,7 +645,9 @@ class PowerLoss : public LifeTest {
     EXPECT_EQ(uncut.verdict, "new") << road_name(road) << " without a cut: " << uncut.note;
     // A rollback of a system trial closes the trial but leaves the update pending, for the
     // next confirmation to decide (docs/robustness.md).
-    if (road != Road::system_trial_rollback) EXPECT_EQ(uncut.note, "");
+    if (road != Road::system_trial_rollback) {
+      EXPECT_EQ(uncut.note, "");
+    }
     std::filesystem::remove_all(device().dir() + "/scratch/uncut");
     return r.calls;
   }

@@ -196,8 +196,11 @@ TEST_F(FetchProbe, CorruptAndLengthFaultsChangeWhatIsServed) {
   auto got = device().read_file("/tmp/ota/pkg.tpk");
   ASSERT_TRUE(got.has_value());
   ASSERT_EQ(got->size(), payload.size());
-  for (size_t i = 0; i < payload.size(); i++)
-    if (i != 17) ASSERT_EQ((*got)[i], payload[i]) << i;
+  for (size_t i = 0; i < payload.size(); i++) {
+    if (i != 17) {
+      ASSERT_EQ((*got)[i], payload[i]) << i;
+    }
+  }
   EXPECT_NE((*got)[17], payload[17]);
 
   device().clear_faults();
