@@ -2,6 +2,7 @@
 // random part of its bytes with the given chance, the same way for the same seed.
 #include <filesystem>
 
+#include "config_text.h"
 #include "device_test.h"
 #include "files.h"
 
@@ -113,9 +114,9 @@ TEST(FetchDropConfig, TheShareAndSeedAreReadAndWrittenBack) {
   tavisim::Config c = tavisim::parse_config("fetch-drop 0.05 9\n");
   EXPECT_EQ(c.fetch_drop_ppm, 50000u);
   EXPECT_EQ(c.fetch_drop_seed, 9u);
-  EXPECT_NE(tavisim::format_config(c).find("\nfetch-drop 0.05 9\n"), std::string::npos);
+  EXPECT_EQ(tavisim::format_config(c), config_text_with("fetch-drop 0.05 9\n"));
   EXPECT_EQ(tavisim::parse_config("fetch-drop 1 3\n").fetch_drop_ppm, 1000000u);
-  EXPECT_EQ(tavisim::format_config(tavisim::Config{}).find("fetch-drop"), std::string::npos);
+  EXPECT_EQ(tavisim::format_config(tavisim::Config{}), config_text_with());
   for (const char* bad : {"fetch-drop 1.5 3\n", "fetch-drop 0.0000001 3\n", "fetch-drop x 3\n", "fetch-drop 0.5\n",
                           "fetch-drop 0.5 -1\n"})
     EXPECT_THROW(tavisim::parse_config(bad), tavisim::SimError) << bad;
