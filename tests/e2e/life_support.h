@@ -4,12 +4,11 @@
 // with one entry, a kernel in slot A, version 1 of the packages, a desktop that comes up
 // 25 s after each start) and a release engineer's tools to publish what comes next.
 
-#include <openssl/evp.h>
-
 #include <map>
 #include <string>
 #include <vector>
 
+#include "bytes.h"
 #include "tavisim/boot.h"
 #include "update_source.h"
 
@@ -27,25 +26,6 @@ constexpr const char* kFirstCommit = "0000000";
 // Kernel images larger than one copy block (32768 bytes), so copying slot B over slot A
 // takes several reads and writes.
 constexpr size_t kKernelBytes = 70000;
-
-inline std::string sha256_hex(const std::string& data) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int n = 0;
-  EVP_Digest(data.data(), data.size(), digest, &n, EVP_sha256(), nullptr);
-  static const char* hex = "0123456789abcdef";
-  std::string out;
-  for (unsigned int i = 0; i < n; i++) {
-    out += hex[digest[i] >> 4];
-    out += hex[digest[i] & 15];
-  }
-  return out;
-}
-
-inline std::string eight_digits(uint64_t v) {
-  char buf[16];
-  snprintf(buf, sizeof buf, "%08llu", static_cast<unsigned long long>(v % 100000000));
-  return buf;
-}
 
 // The menu a tavi installation writes: one entry that boots slot A.
 inline std::string installed_menu() {
@@ -85,6 +65,71 @@ inline std::map<std::string, std::string> first_files() {
           {"/apps/clock/start", ""}};  // empty content: the file does not exist
 }
 
+// What `ota system apply` prints of build b over the installed build: the verbose check,
+// then its overlay files verified.
+inline std::string checked_output(const SystemBuild& b, uint64_t installed = kFirstBuild) {
+  size_t files = 0;
+  for (const auto& [path, content] : b.files) files += content.empty() ? 0 : 1;
+  return std::string("ota: source ") + kSystemUrl + "\nota: channel stable\nsystem: installed build " +
+         std::to_string(installed) + "\nsystem: available build " + std::to_string(b.build) + "\nsystem: commit " +
+         b.commit + "\nsystem: overlay files verified: " + std::to_string(files) + "\n";
+}
+
+// ... when it stages the build in slot B.
+inline std::string staged_output(const SystemBuild& b, uint64_t installed = kFirstBuild) {
+  return checked_output(b, installed) + "system: staged in slot B, restart to install\n";
+}
+
+// ... when the offered kernel already runs and only the files change.
+inline std::string applied_output(const SystemBuild& b, uint64_t installed = kFirstBuild) {
+  return checked_output(b, installed) + "system: overlay committed\nsystem: applied, no restart needed (same kernel)\n";
+}
+
+// What the start-up entry prints at the start that confirms a package trial: the desktop is
+// up by the 60th second, the installer confirms, and the service (auto=nein) ends.
+inline const std::string kHealthyStart = "ota: start healthy, trial confirmed after 60\nota: automatic search is OFF\n";
+
+// What the start-up entry prints at the start that confirms a staged build: the desktop is
+// up by the 60th second, the overlay is committed, slot B is promoted, and the service
+// (switched off with auto=nein) ends.
+inline const std::string kPromoted =
+    "ota: start healthy, trial confirmed after 60\n"
+    "system: overlay committed\n"
+    "system: new kernel confirmed and promoted to slot A\n"
+    "ota: automatic search is OFF\n";
+
+inline const std::string kReady = "ota: READY FOR RESTART -- it will NOT\n     restart by itself. `reboot`.\n";
+
+// What `ota apply` prints when it installs core and editor of version v (as
+// publish_packages makes them) over version here, with the device's default free space;
+// `key_change` is the key change line the catalog brings, if any.
+inline std::string package_apply_output(uint64_t here, uint64_t v, const std::string& key_change = "",
+                                        const std::string& source = e2e::kSourceUrl) {
+  uint64_t core = 3000 + v, editor = 2000 + v, sum = core + editor;
+  uint64_t needed = core + sum + 524288 + sum / 8;
+  std::string n = std::to_string(v);
+  return "ota: source " + source + "\n" + key_change + "ota: version here " +
+         std::to_string(here) + "\nota: version there " + n + "\nota: space 4096000000\nota: needed " +
+         std::to_string(needed) + "\nota: hash ok core-" + n + ".tpk\nota: hash ok editor-" + n +
+         ".tpk\nota: applying with tpk core\nota: applying with tpk editor\n" + kReady;
+}
+
+// What `ota show` prints on this device (spare key present, no channel).
+inline std::string show_output(uint64_t version, uint64_t key_generation, uint64_t generation,
+                               const std::string& trial = "ota: nothing in trial\n") {
+  return std::string("ota: source ") + e2e::kSourceUrl + "\nota: platform tavi-x86_64\nota: version here " +
+         std::to_string(version) + "\nota: key generation " + std::to_string(key_generation) +
+         "\nota: spare key present\nota: generation " + std::to_string(generation) + "\n" + trial;
+}
+
+// What `ota search` prints when it finds core and editor of version v over version here.
+inline std::string package_search_output(uint64_t here, uint64_t v) {
+  return std::string("ota: source ") + e2e::kSourceUrl + "\nota: version here " + std::to_string(here) +
+         "\nota: version there " + std::to_string(v) +
+         "\nota: NEW VERSION available\nota: platform tavi-x86_64\nota: package core base-system tavi-x86_64\n"
+         "ota: package editor text-editor tavi-any\n";
+}
+
 class LifeTest : public e2e::SourceTest {
  protected:
   void SetUp() override {
@@ -93,7 +138,7 @@ class LifeTest : public e2e::SourceTest {
     system_ = scratch("system");
     device().add_repo(kSystemUrl, system_);
     device().write_file("/etc/ota.conf", std::string("quelle=") + e2e::kSourceUrl + "\nname=life\nauto=nein\n");
-    device().write_file("/system/ersatz.pub", e2e::read_all(key("spare") + ".pub"));
+    device().write_file("/system/ersatz.pub", read_all(key("spare") + ".pub"));
     device().write_file("/system/FASSUNG", "00000001\n");
     device().write_file("/system/SYSVERSION", eight_digits(kFirstBuild) + "\n");
     device().write_file("/system/tpk/installed", "core\t1\neditor\t1\n");
@@ -115,7 +160,7 @@ class LifeTest : public e2e::SourceTest {
     if (!healthy) words.push_back("--broken");
     e2e::ToolResult r = e2e::publish(words);
     EXPECT_EQ(r.status, 0) << r.output;
-    return e2e::read_all(path);
+    return read_all(path);
   }
 
   // A system build whose overlay replaces /bin/clock and /etc/motd and adds
@@ -133,14 +178,14 @@ class LifeTest : public e2e::SourceTest {
   void publish_system(const SystemBuild& b) {
     std::string dir = work_ + "/files/" + std::to_string(b.build);
     std::string kernel_path = dir + "/tavi-" + std::to_string(b.build) + ".mb";
-    e2e::write_all(kernel_path, b.kernel);
+    write_all(kernel_path, b.kernel);
     Words words = {"system", "--key", key("release") + ".key", "--out", system_ + "/stable", "--build",
                    std::to_string(b.build), "--commit", b.commit, "--kernel", kernel_path, "--force"};
     int i = 0;
     for (const auto& [path, content] : b.files) {
       std::string target = path.rfind("/bin/", 0) == 0 ? path.substr(5) : path;
       std::string host = dir + "/overlay-" + std::to_string(i++);
-      e2e::write_all(host, content);
+      write_all(host, content);
       words.push_back("--file");
       // Every other file also gets a gzip variant, so both download roads are taken.
       words.push_back(target + "=" + host + (i % 2 ? ":gz" : ""));

@@ -83,7 +83,7 @@ TEST_F(FetchTest, MissingSettingsOrBadChannelAreRefused) {
 TEST_F(FetchTest, FetchWithTooFewWordsIsTheShortUsage) {
   RunResult r = device().run({"fetch", "x"});
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "ota search | show | apply\n");
+  EXPECT_EQ(r.out, kUsageFirstLine);
   EXPECT_EQ(r.err, "");
 }
 

@@ -112,8 +112,11 @@ TEST_F(HttpSourceTest, ACutDownloadResumesWithARangeRequest) {
 
   RunResult r = device().run({"apply"});
   ASSERT_EQ(r.status, 0) << r.out << r.err;
-  EXPECT_NE(r.out.find("ota: partial file, resuming at 123456\nota: hash ok core-2.tpk\n"), std::string::npos)
-      << r.out;
+  EXPECT_EQ(r.out, "ota: source " + url +
+                       "\nota: version here 0\nota: version there 2\nota: space 4096000000\nota: needed 1161788\n"
+                       "ota: partial file, resuming at 123456\nota: hash ok core-2.tpk\nota: applying with tpk core\n"
+                       "ota: READY FOR RESTART -- it will NOT\n     restart by itself. `reboot`.\n");
+  EXPECT_EQ(r.err, "");
   EXPECT_EQ(device().read_file("/system/FASSUNG").value_or(""), "00000002\n");
 
   std::string log = read_all(access_log_);

@@ -8,11 +8,14 @@ using tavisim::RunResult;
 
 namespace {
 
-std::string from_hex(const std::string& text) {
-  std::string out;
-  for (size_t i = 0; i + 1 < text.size(); i += 2) out.push_back(static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16)));
-  return out;
-}
+// Why the publisher refuses a commit holding "sha=", and a key of small order.
+const std::string kShaInCommit =
+    "commit \"2222sha=bbbb\" contains \"sha=\"; a device finds the keys of /system/SYSPENDING anywhere in the "
+    "record, would read the kernel's hash from the commit and could never promote the update\n";
+const std::string kSmallOrder =
+    "0100000000000000000000000000000000000000000000000000000000000000 is a point of small order; devices check "
+    "signatures without the cofactor, so anyone could forge signatures under it (under the identity key R = B, "
+    "S = 1 passes for every catalog)\n";
 
 class ReleaseSafetyTest : public SystemTest {
  protected:
@@ -60,10 +63,14 @@ TEST_F(ReleaseSafetyTest, ACommitHoldingShaLeavesTheUpdatePendingForGood) {
   ToolResult p = publish({"system", "--key", key("release") + ".key", "--out", work_ + "/refused", "--build",
                           std::to_string(kNewBuild), "--commit", commit, "--kernel", kernel_path});
   EXPECT_EQ(p.status, 1);
-  EXPECT_NE(p.output.find("contains \"sha=\""), std::string::npos) << p.output;
+  EXPECT_EQ(p.output, "ota-publish: " + kShaInCommit);
   p = publish({"check", system_dir(), "--trusted", key("release") + ".pub", "--system"});
   EXPECT_EQ(p.status, 1);
-  EXPECT_NE(p.output.find("contains \"sha=\""), std::string::npos) << p.output;
+  EXPECT_EQ(p.output,
+            "check: VERZEICHNIS: 131 of 32767 bytes\ncheck: signature ok with the key of generation 0\n"
+            "check: marker OTA2 ok\ncheck: PROBLEM: " + kShaInCommit +
+            "check: system build 20250111, commit 2222sha=bbbb\ncheck: kernel: tavi-new.mb, 4096 bytes, hash ok\n"
+            "check: overlay: 0 file(s), 0 link(s), journal 0 of 7900 bytes\ncheck: REFUSED -- 1 problem(s)\n");
 }
 
 // The other two keys are harmless in a commit: their real places come before it.
@@ -92,17 +99,21 @@ TEST_F(ReleaseSafetyTest, ADeviceThatFollowsAKeyChangeToTheIdentityAcceptsAForge
   std::string chain_line = "kette\t1\t" + key_field + "\t" + to_hex(signer_.sign(step)) + "\n";
   std::string catalog = "OTA2\nfassung\t9\n" + chain_line;
   // R = B (y = 4/5), S = 1: no private key was used to make it.
-  std::string forged = from_hex("5866666666666666666666666666666666666666666666666666666666666666") +
-                       from_hex("0100000000000000000000000000000000000000000000000000000000000000");
+  std::string forged = unhex("5866666666666666666666666666666666666666666666666666666666666666") +
+                       unhex("0100000000000000000000000000000000000000000000000000000000000000");
   write_all(source_ + "/VERZEICHNIS", catalog);
   write_all(source_ + "/VERZEICHNIS.sig", forged);
   RunResult r = device().run({"search"});
-  EXPECT_NE(r.out.find("ota: KEY CHANGE accepted, new generation 1\n"), std::string::npos) << r.out << r.err;
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, std::string("ota: source ") + kSourceUrl +
+                       "\nota: KEY CHANGE accepted, new generation 1\nota: version here 0\nota: version there 9\n");
+  EXPECT_EQ(r.err, "ota: the VERZEICHNIS names no package\n");
   EXPECT_EQ(device().read_file("/system/schluessel.pub").value_or(""), identity);
   // From now on any text passes with the same forged signature.
   write_all(source_ + "/VERZEICHNIS", "OTA2\nfassung\t10\nanything at all\n");
   r = device().run({"search"});
-  EXPECT_NE(r.out.find("ota: version there 10\n"), std::string::npos) << r.out << r.err;
+  EXPECT_EQ(r.out, std::string("ota: source ") + kSourceUrl + "\nota: version here 0\nota: version there 10\n");
+  EXPECT_EQ(r.err, "ota: the VERZEICHNIS names no package\n");
 
   // The publisher signs no such key change, and refuses a source whose chain reaches it.
   std::string identity_pub = work_ + "/identity.pub";
@@ -110,15 +121,18 @@ TEST_F(ReleaseSafetyTest, ADeviceThatFollowsAKeyChangeToTheIdentityAcceptsAForge
   ToolResult p = publish({"chain", "--signer", key("release") + ".key", "--new", identity_pub, "--generation", "1",
                           "--out", work_ + "/identity.chain"});
   EXPECT_EQ(p.status, 1);
-  EXPECT_NE(p.output.find("small order"), std::string::npos) << p.output;
+  EXPECT_EQ(p.output, "ota-publish: new key " + kSmallOrder);
   EXPECT_FALSE(std::filesystem::exists(work_ + "/identity.chain"));
   write_all(source_ + "/VERZEICHNIS", catalog);
   p = publish({"check", source_, "--trusted", key("release") + ".pub"});
   EXPECT_EQ(p.status, 1);
-  EXPECT_NE(p.output.find("the key of generation 1 0100000000000000000000000000000000000000000000000000000000000000 is "
-                          "a point of small order"),
-            std::string::npos)
-      << p.output;
+  EXPECT_EQ(p.output,
+            "check: VERZEICHNIS: 217 of 32767 bytes\n"
+            "check: key change to generation 1 accepted, signed by the key of generation 0\n"
+            "check: PROBLEM: the key of generation 1 " + kSmallOrder +
+            "check: signature ok with the key of generation 1\ncheck: marker OTA2 ok\ncheck: version offered: 9\n"
+            "check: PROBLEM: the VERZEICHNIS names no package\ncheck: PROBLEM: INDEX is missing from the source\n"
+            "check: REFUSED -- 3 problem(s)\n");
 }
 
 }  // namespace

@@ -43,7 +43,7 @@ TEST_F(SystemBackgroundTest, StatusIsTheAnswerToNoWordStatusAndAnyUnknownWord) {
 TEST_F(SystemBackgroundTest, TheUsageNamesTheSystemFamily) {
   RunResult r = device().run({});
   EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "ota search | show | apply\nota confirm | rollback | watchdog | service | system search|apply|status\n");
+  EXPECT_EQ(r.out, kUsage);
 }
 
 TEST_F(SystemBackgroundTest, ConfirmAlwaysSucceeds) {

@@ -50,10 +50,10 @@ TEST_F(SystemGrowTest, AFilesystemAlreadyGrownIsDoneWithoutAStep) {
   ASSERT_EQ(calls.size(), 6u);
   EXPECT_EQ(calls[0], "15 0 3");
   EXPECT_EQ(calls[1], "15 0 3");
-  EXPECT_EQ(calls[2].substr(0, 5), "15 2 ");
-  EXPECT_EQ(calls[3].substr(0, 5), "15 3 ");
-  EXPECT_EQ(calls[4].substr(0, 5), "15 4 ");
-  EXPECT_EQ(calls[5].substr(0, 5), "15 6 ");
+  EXPECT_EQ(calls[2], "15 2 1048576");
+  EXPECT_EQ(calls[3], "15 3 1048576");
+  EXPECT_EQ(calls[4], "15 4 65536");
+  EXPECT_EQ(calls[5], "15 6 0");
 }
 
 TEST_F(SystemGrowTest, AGrowthThatIsNotPossibleFailsWithTheReport) {

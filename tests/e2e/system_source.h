@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bytes.h"
 #include "tavisim/boot.h"
 #include "update_source.h"
 
@@ -39,19 +40,6 @@ inline std::string check_lines(unsigned long long installed = kOldBuild, unsigne
   return std::string("ota: source ") + kSystemUrl + "\nota: channel stable\nsystem: installed build " +
          std::to_string(installed) + "\nsystem: available build " + std::to_string(available) +
          "\nsystem: commit " + commit + "\n";
-}
-
-inline std::string sha256_hex(const std::string& data) {
-  unsigned char digest[32];
-  unsigned int len = 0;
-  EVP_Digest(data.data(), data.size(), digest, &len, EVP_sha256(), nullptr);
-  return to_hex(std::string(reinterpret_cast<char*>(digest), len));
-}
-
-inline std::string eight_digits(unsigned long long v) {
-  char buf[16];
-  snprintf(buf, sizeof buf, "%08llu", v % 100000000ULL);
-  return buf;
 }
 
 // An overlay file line of a hand-written manifest: the file `data`, downloaded as `name`.

@@ -2,17 +2,15 @@
 // Update sources for end-to-end tests, made the way a release engineer makes them: with
 // ota-publish. A device is given the source's address, its trusted key and a repository
 // that maps the address onto the source directory.
-#include <stdio.h>
-#include <sys/wait.h>
-
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "../unit/signing.h"
 #include "device_test.h"
+#include "files.h"
+#include "ota_texts.h"
+#include "run.h"
+#include "signing.h"
 
 namespace e2e {
 
@@ -23,43 +21,10 @@ struct ToolResult {
   std::string output;
 };
 
-inline std::string shell_quote(const std::string& s) {
-  std::string out = "'";
-  for (char c : s) {
-    if (c == '\'') {
-      out += "'\\''";
-    } else {
-      out += c;
-    }
-  }
-  return out + "'";
-}
-
 // Runs ota-publish with the words given; its output and errors are returned together.
 inline ToolResult publish(const std::vector<std::string>& words) {
-  std::string command = shell_quote(OTA_PUBLISH);
-  for (const std::string& w : words) command += " " + shell_quote(w);
-  command += " 2>&1";
-  ToolResult r;
-  FILE* p = popen(command.c_str(), "r");
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.output.append(buf, n);
-  int status = pclose(p);
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
-}
-
-inline std::string read_all(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-inline void write_all(const std::string& path, const std::string& data) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::binary) << data;
+  Ran r = run_program(OTA_PUBLISH, words, "", true);
+  return {r.status, r.out};
 }
 
 // A fixture with a device, a release key (and a spare) and a source directory served at

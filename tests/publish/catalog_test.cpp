@@ -14,8 +14,8 @@ class CatalogTest : public ::testing::Test {
   KeyedScratch s;
 
   void SetUp() override {
-    put(s("foo-1.0.tpk"), "the foo package\n");
-    put(s("bar-2.1.tpk"), std::string(3000, 'b'));
+    write_all(s("foo-1.0.tpk"), "the foo package\n");
+    write_all(s("bar-2.1.tpk"), std::string(3000, 'b'));
   }
 
   Outcome catalog(std::vector<std::string> more, const std::string& out = "src") {
@@ -44,8 +44,8 @@ TEST_F(CatalogTest, WritesTheCatalogPackagesSignaturesAndIndex) {
   EXPECT_EQ(names_in(s("src")),
             (std::vector<std::string>{"INDEX", "INDEX.sig", "VERZEICHNIS", "VERZEICHNIS.sig", "bar-2.1.tpk",
                                       "bar-2.1.tpk.sig", "foo-1.0.tpk", "foo-1.0.tpk.sig"}));
-  std::string foo = get(s("foo-1.0.tpk"));
-  std::string bar = get(s("bar-2.1.tpk"));
+  std::string foo = read_all(s("foo-1.0.tpk"));
+  std::string bar = read_all(s("bar-2.1.tpk"));
   std::string expected =
       "OTA2\n"
       "fassung\t12\n"
@@ -58,24 +58,24 @@ TEST_F(CatalogTest, WritesTheCatalogPackagesSignaturesAndIndex) {
       "gesperrt\t9\n"
       "gesperrt\t10\n"
       "hinweis\\tnot a field\n";
-  EXPECT_EQ(get(s("src/VERZEICHNIS")), expected);
-  EXPECT_EQ(get(s("src/INDEX")),
+  EXPECT_EQ(read_all(s("src/VERZEICHNIS")), expected);
+  EXPECT_EQ(read_all(s("src/INDEX")),
             "foo\t12\tfoo-1.0.tpk\t" + sha256_hex(foo) + "\nbar\t12\tbar-2.1.tpk\t" + sha256_hex(bar) + "\n");
-  EXPECT_EQ(get(s("src/foo-1.0.tpk")), foo);
-  EXPECT_EQ(get(s("src/bar-2.1.tpk")), bar);
+  EXPECT_EQ(read_all(s("src/foo-1.0.tpk")), foo);
+  EXPECT_EQ(read_all(s("src/bar-2.1.tpk")), bar);
 
-  std::string pub = get(s.pub("k0"));
+  std::string pub = read_all(s.pub("k0"));
   for (const char* name : {"VERZEICHNIS", "INDEX", "foo-1.0.tpk", "bar-2.1.tpk"}) {
-    std::string sig = get(s("src/") + name + ".sig");
+    std::string sig = read_all(s("src/") + name + ".sig");
     ASSERT_EQ(sig.size(), 64u) << name;
-    EXPECT_TRUE(verifies(pub, get(s("src/") + name), sig)) << name;
-    EXPECT_FALSE(openssl_verify(get(s.pub("k1")), get(s("src/") + name), sig)) << name;
+    EXPECT_TRUE(verifies(pub, read_all(s("src/") + name), sig)) << name;
+    EXPECT_FALSE(openssl_verifies(read_all(s.pub("k1")), read_all(s("src/") + name), sig)) << name;
   }
   // The signature covers the bytes exactly: one byte more or less breaks it.
-  std::string text = get(s("src/VERZEICHNIS"));
-  std::string sig = get(s("src/VERZEICHNIS.sig"));
-  EXPECT_FALSE(openssl_verify(pub, text + "\n", sig));
-  EXPECT_FALSE(openssl_verify(pub, text.substr(0, text.size() - 1), sig));
+  std::string text = read_all(s("src/VERZEICHNIS"));
+  std::string sig = read_all(s("src/VERZEICHNIS.sig"));
+  EXPECT_FALSE(openssl_verifies(pub, text + "\n", sig));
+  EXPECT_FALSE(openssl_verifies(pub, text.substr(0, text.size() - 1), sig));
 }
 
 TEST_F(CatalogTest, PlatformIsOmittedOrWrittenAsTheSixthField) {
@@ -83,7 +83,7 @@ TEST_F(CatalogTest, PlatformIsOmittedOrWrittenAsTheSixthField) {
                      "bar:2:" + s("bar-2.1.tpk") + ":tavi-riscv64", "--test-source"})
                 .status,
             0);
-  std::vector<std::string> lines = lines_of(get(s("src/VERZEICHNIS")));
+  std::vector<std::string> lines = lines_of(read_all(s("src/VERZEICHNIS")));
   ASSERT_EQ(lines.size(), 4u);
   EXPECT_EQ(fields_of(lines[2]).size(), 6u) << "tag and five fields: no platform given";
   EXPECT_EQ(fields_of(lines[3]).size(), 7u);
@@ -109,21 +109,21 @@ TEST_F(CatalogTest, SameInputsGiveByteIdenticalSources) {
   ASSERT_EQ(catalog(args, "b").status, 0);
   std::vector<std::string> names = names_in(s("a"));
   ASSERT_EQ(names, names_in(s("b")));
-  for (const std::string& name : names) EXPECT_EQ(get(s("a/" + name)), get(s("b/" + name))) << name;
+  for (const std::string& name : names) EXPECT_EQ(read_all(s("a/" + name)), read_all(s("b/" + name))) << name;
 }
 
 TEST_F(CatalogTest, ExistingOutputIsRefusedWithoutForceAndReplacedWholeWithIt) {
   std::string given = "foo:1:" + s("foo-1.0.tpk") + ":tavi-x86_64";
   ASSERT_EQ(catalog({"--version", "1", "--package", given}).status, 0);
-  put(s("src/stray"), "left from before\n");
+  write_all(s("src/stray"), "left from before\n");
   Outcome r = catalog({"--version", "2", "--package", given});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("already exists"), std::string::npos) << r.err;
-  EXPECT_EQ(lines_of(get(s("src/VERZEICHNIS")))[1], "fassung\t1");
+  EXPECT_EQ(lines_of(read_all(s("src/VERZEICHNIS")))[1], "fassung\t1");
 
   r = catalog({"--version", "2", "--package", given, "--force"});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(lines_of(get(s("src/VERZEICHNIS")))[1], "fassung\t2");
+  EXPECT_EQ(lines_of(read_all(s("src/VERZEICHNIS")))[1], "fassung\t2");
   EXPECT_FALSE(exists(s("src/stray"))) << "the old directory is replaced, not merged";
   // Only the source itself is left beside the keys: no temporary or old directory.
   for (const std::string& name : names_in(s.path())) EXPECT_NE(name[0], '.') << name;
@@ -150,24 +150,24 @@ TEST_F(CatalogTest, PackageFieldLimits) {
 
 TEST_F(CatalogTest, FileNameLimitsIncludeTheSignatureName) {
   std::string long_name = std::string(123, 'f');
-  put(s(long_name), "x");
+  write_all(s(long_name), "x");
   Outcome r = catalog({"--version", "1", "--package", "n:w:" + s(long_name) + ":tavi-any"});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(get(s("src/" + long_name + ".sig")).size(), 64u);
+  EXPECT_EQ(read_all(s("src/" + long_name + ".sig")).size(), 64u);
   std::filesystem::remove_all(s("src"));
 
   std::string too_long = std::string(124, 'f');
-  put(s(too_long), "x");
+  write_all(s(too_long), "x");
   expect_refused({"--version", "1", "--package", "n:w:" + s(too_long) + ":tavi-any"},
                  {"package signature name", "128 characters", "at most 127"});
   std::string way_too_long = std::string(128, 'f');
-  put(s(way_too_long), "x");
+  write_all(s(way_too_long), "x");
   expect_refused({"--version", "1", "--package", "n:w:" + s(way_too_long) + ":tavi-any"},
                  {"package file name", "128 characters", "at most 127"});
-  put(s("bad name.tpk"), "x");
+  write_all(s("bad name.tpk"), "x");
   expect_refused({"--version", "1", "--package", "n:w:" + s("bad name.tpk") + ":tavi-any"},
                  {"package file name", "\"bad name.tpk\""});
-  put(s("INDEX"), "x");
+  write_all(s("INDEX"), "x");
   expect_refused({"--version", "1", "--package", "n:w:" + s("INDEX") + ":tavi-any"}, {"source's own files"});
 }
 
@@ -204,13 +204,13 @@ TEST_F(CatalogTest, AtMostSixtyFourBlockedVersions) {
 TEST_F(CatalogTest, CatalogMustFit32767Bytes) {
   std::string p = "foo:1:" + s("foo-1.0.tpk") + ":tavi-any";
   ASSERT_EQ(catalog({"--version", "1", "--package", p}).status, 0);
-  std::size_t base = get(s("src/VERZEICHNIS")).size();
+  std::size_t base = read_all(s("src/VERZEICHNIS")).size();
   std::filesystem::remove_all(s("src"));
   // An extra line that makes the text exactly 32767 bytes (its LF included) is fine.
   std::string fill(32767 - base - 1, 'x');
   Outcome r = catalog({"--version", "1", "--package", p, "--extra-line", fill});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(get(s("src/VERZEICHNIS")).size(), 32767u);
+  EXPECT_EQ(read_all(s("src/VERZEICHNIS")).size(), 32767u);
   std::filesystem::remove_all(s("src"));
   expect_refused({"--version", "1", "--package", p, "--extra-line", fill + "x"}, {"32768 bytes", "32767"});
 }
@@ -225,10 +225,10 @@ TEST_F(CatalogTest, ExtraLinesCannotBreakLinesOrImitateKindsDevicesRead) {
 TEST_F(CatalogTest, MissingOrEmptyPackageFilesAreNamed) {
   expect_refused({"--version", "1", "--package", "n:w:" + s("nothing.tpk") + ":tavi-any"},
                  {"package file", "nothing.tpk"});
-  put(s("empty.tpk"), "");
+  write_all(s("empty.tpk"), "");
   expect_refused({"--version", "1", "--package", "n:w:" + s("empty.tpk") + ":tavi-any"}, {"empty.tpk", "empty"});
   std::filesystem::create_directories(s("other"));
-  put(s("other/foo-1.0.tpk"), "different bytes under the same name\n");
+  write_all(s("other/foo-1.0.tpk"), "different bytes under the same name\n");
   expect_refused({"--version", "1", "--package", "a:w:" + s("foo-1.0.tpk") + ":tavi-any", "--package",
                   "b:w:" + s("other/foo-1.0.tpk") + ":tavi-any"},
                  {"foo-1.0.tpk", "different contents"});

@@ -13,7 +13,7 @@ class ChainTest : public ::testing::Test {
  protected:
   KeyedScratch s;
 
-  void SetUp() override { put(s("pkg"), "package bytes\n"); }
+  void SetUp() override { write_all(s("pkg"), "package bytes\n"); }
 
   Outcome chain(const std::string& signer, const std::string& next, const std::string& gen, const std::string& out) {
     return publish({"chain", "--signer", s.key(signer), "--new", s.pub(next), "--generation", gen, "--out", s(out)});
@@ -52,7 +52,7 @@ TEST_F(ChainTest, ThreeKeyChangesVerifyGenerationByGenerationOverTheExactSignedT
   const char* signers[] = {"k0", "k1", "k2"};
   const char* keys[] = {"k1", "k2", "k3"};
   for (int i = 0; i < 3; ++i) {
-    std::string text = get(s(files[i]));
+    std::string text = read_all(s(files[i]));
     ASSERT_EQ(text.back(), '\n');
     std::vector<std::string> lines = lines_of(text);
     ASSERT_EQ(lines.size(), 1u);
@@ -60,16 +60,16 @@ TEST_F(ChainTest, ThreeKeyChangesVerifyGenerationByGenerationOverTheExactSignedT
     ASSERT_EQ(f.size(), 4u);
     EXPECT_EQ(f[0], "kette");
     EXPECT_EQ(f[1], std::to_string(i + 1));
-    EXPECT_EQ(f[2], hex(get(s.pub(keys[i])))) << "the new key, 64 lowercase hex digits";
+    EXPECT_EQ(f[2], to_hex(read_all(s.pub(keys[i])))) << "the new key, 64 lowercase hex digits";
     ASSERT_EQ(f[3].size(), 128u);
     std::string signed_text = "tavi-schluessel\t" + std::to_string(i + 1) + "\t" + f[2];
     std::string sig = unhex(f[3]);
-    EXPECT_TRUE(verifies(get(s.pub(signers[i])), signed_text, sig)) << "generation " << i + 1;
+    EXPECT_TRUE(verifies(read_all(s.pub(signers[i])), signed_text, sig)) << "generation " << i + 1;
     // Not the next key's, nor the text with a LF, nor another generation number.
-    EXPECT_FALSE(openssl_verify(get(s.pub(keys[i])), signed_text, sig));
-    EXPECT_FALSE(openssl_verify(get(s.pub(signers[i])), signed_text + "\n", sig));
+    EXPECT_FALSE(openssl_verifies(read_all(s.pub(keys[i])), signed_text, sig));
+    EXPECT_FALSE(openssl_verifies(read_all(s.pub(signers[i])), signed_text + "\n", sig));
     EXPECT_FALSE(
-        openssl_verify(get(s.pub(signers[i])), "tavi-schluessel\t" + std::to_string(i + 2) + "\t" + f[2], sig));
+        openssl_verifies(read_all(s.pub(signers[i])), "tavi-schluessel\t" + std::to_string(i + 2) + "\t" + f[2], sig));
   }
 }
 
@@ -77,9 +77,9 @@ TEST_F(ChainTest, CatalogCarriesTheLinesAndCheckWalksToTheNewestKey) {
   make_three_steps();
   Outcome r = catalog("k3", {"c1", "c2", "c3"});
   ASSERT_EQ(r.status, 0) << r.err;
-  std::string text = get(s("src/VERZEICHNIS"));
-  for (const char* c : {"c1", "c2", "c3"}) EXPECT_NE(text.find(get(s(c))), std::string::npos);
-  EXPECT_TRUE(verifies(get(s.pub("k3")), text, get(s("src/VERZEICHNIS.sig"))));
+  std::string text = read_all(s("src/VERZEICHNIS"));
+  for (const char* c : {"c1", "c2", "c3"}) EXPECT_NE(text.find(read_all(s(c))), std::string::npos);
+  EXPECT_TRUE(verifies(read_all(s.pub("k3")), text, read_all(s("src/VERZEICHNIS.sig"))));
 
   r = check("k0");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
@@ -107,7 +107,7 @@ TEST_F(ChainTest, CatalogCarriesTheLinesAndCheckWalksToTheNewestKey) {
 TEST_F(ChainTest, LinesInReverseOrderAreFollowedInPasses) {
   make_three_steps();
   ASSERT_EQ(catalog("k3", {"c3", "c2", "c1"}).status, 0);
-  std::string text = get(s("src/VERZEICHNIS"));
+  std::string text = read_all(s("src/VERZEICHNIS"));
   EXPECT_LT(text.find("kette\t3\t"), text.find("kette\t1\t"));
   Outcome r = check("k0");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
@@ -176,7 +176,7 @@ TEST_F(ChainTest, CatalogRefusesAGapAStepNotSignedByItsPredecessorAndTwoLinesFor
   // The same file given twice is one line.
   r = catalog("k2", {"c1", "c2", "c2"});
   ASSERT_EQ(r.status, 0) << r.err;
-  std::string text = get(s("src/VERZEICHNIS"));
+  std::string text = read_all(s("src/VERZEICHNIS"));
   EXPECT_EQ(text.find("kette\t2\t"), text.rfind("kette\t2\t"));
 }
 
@@ -193,23 +193,23 @@ TEST_F(ChainTest, ChainRefusesBadGenerationsAndAnExistingFile) {
   EXPECT_FALSE(exists(s("c0")));
 
   ASSERT_EQ(chain("k0", "k1", "1", "c1").status, 0);
-  std::string before = get(s("c1"));
+  std::string before = read_all(s("c1"));
   r = chain("k0", "k2", "1", "c1");
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("already exists"), std::string::npos) << r.err;
-  EXPECT_EQ(get(s("c1")), before);
+  EXPECT_EQ(read_all(s("c1")), before);
   r = publish(
       {"chain", "--signer", s.key("k0"), "--new", s.pub("k2"), "--generation", "1", "--out", s("c1"), "--force"});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(get(s("c1")), before);
+  EXPECT_NE(read_all(s("c1")), before);
 }
 
 TEST_F(ChainTest, ChainFileThatIsNotAKeyChangeIsRefused) {
-  put(s("bogus"), "paket\tx\n");
+  write_all(s("bogus"), "paket\tx\n");
   Outcome r = catalog("k0", {"bogus"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("not a key-change line"), std::string::npos) << r.err;
-  put(s("short"), "kette\t1\tabcd\t00\n");
+  write_all(s("short"), "kette\t1\tabcd\t00\n");
   r = catalog("k0", {"short"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("64 hex digits"), std::string::npos) << r.err;
@@ -223,9 +223,9 @@ TEST_F(ChainTest, SystemSourceCarriesKeyChangesAndBlockedVersionsToo) {
       publish({"system", "--key", s.key("k3"), "--out", s("sys"), "--build", "9", "--commit", "abcdef0", "--kernel",
                s("k.mb"), "--chain", s("c1"), "--chain", s("c2"), "--chain", s("c3"), "--block", "4"});
   ASSERT_EQ(r.status, 0) << r.err;
-  std::string text = get(s("sys/VERZEICHNIS"));
+  std::string text = read_all(s("sys/VERZEICHNIS"));
   EXPECT_NE(text.find("\ngesperrt\t4\n"), std::string::npos);
-  EXPECT_NE(text.find(get(s("c3"))), std::string::npos);
+  EXPECT_NE(text.find(read_all(s("c3"))), std::string::npos);
   r = publish({"check", s("sys"), "--trusted", s.pub("k0"), "--system"});
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("signature ok with the key of generation 3"), std::string::npos) << r.out;
@@ -241,13 +241,13 @@ TEST_F(ChainTest, CheckFindsABrokenStepAfterAHandEdit) {
   make_three_steps();
   ASSERT_EQ(catalog("k3", {"c1", "c2", "c3"}).status, 0);
   // Flip one hex digit of the generation 2 signature and sign the catalog again with k3.
-  std::string text = get(s("src/VERZEICHNIS"));
+  std::string text = read_all(s("src/VERZEICHNIS"));
   std::size_t at = text.find("kette\t2\t");
   ASSERT_NE(at, std::string::npos);
   std::size_t sig_at = text.find('\t', at + 8 + 1) + 1;  // after the key field
   text[sig_at] = text[sig_at] == '0' ? '1' : '0';
-  put(s("src/VERZEICHNIS"), text);
-  put(s("src/VERZEICHNIS.sig"), openssl_sign(s.key("k3"), text));
+  write_all(s("src/VERZEICHNIS"), text);
+  write_all(s("src/VERZEICHNIS.sig"), openssl_sign(s.key("k3"), text));
   Outcome r = check("k0");
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.out.find("key change to generation 1 accepted"), std::string::npos) << r.out;

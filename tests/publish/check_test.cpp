@@ -14,8 +14,8 @@ class CheckTest : public ::testing::Test {
   KeyedScratch s;
 
   void SetUp() override {
-    put(s("foo.tpk"), "foo package\n");
-    put(s("bar.tpk"), "bar package\n");
+    write_all(s("foo.tpk"), "foo package\n");
+    write_all(s("bar.tpk"), "bar package\n");
     Outcome r = publish({"catalog", "--key", s.key("k0"), "--out", s("src"), "--version", "8", "--package",
                          "foo:1:" + s("foo.tpk") + ":tavi-x86_64", "--package", "bar:2:" + s("bar.tpk") + ":tavi-any"});
     ASSERT_EQ(r.status, 0) << r.err;
@@ -29,8 +29,8 @@ class CheckTest : public ::testing::Test {
 
   // Replaces the catalog text and signs it again with k0, as a careless release would.
   void resign(const std::string& text) {
-    put(s("src/VERZEICHNIS"), text);
-    put(s("src/VERZEICHNIS.sig"), openssl_sign(s.key("k0"), text));
+    write_all(s("src/VERZEICHNIS"), text);
+    write_all(s("src/VERZEICHNIS.sig"), openssl_sign(s.key("k0"), text));
   }
 
   static void expect_refusal(const Outcome& r, const std::string& message) {
@@ -52,9 +52,9 @@ TEST_F(CheckTest, AcceptsWhatCatalogWrote) {
 }
 
 TEST_F(CheckTest, RefusesAChangedByteOfTheCatalog) {
-  std::string text = get(s("src/VERZEICHNIS"));
+  std::string text = read_all(s("src/VERZEICHNIS"));
   text[text.find("fassung\t8") + 8] = '9';
-  put(s("src/VERZEICHNIS"), text);
+  write_all(s("src/VERZEICHNIS"), text);
   expect_refusal(check(), "SIGNATURE OF THE VERZEICHNIS WRONG -- REJECTED");
 }
 
@@ -67,20 +67,20 @@ TEST_F(CheckTest, RefusesTheWrongKeyAndAcceptsTheSpareFallback) {
 }
 
 TEST_F(CheckTest, RefusesAShortOrMissingSignatureAndWarnsAboutALongOne) {
-  std::string sig = get(s("src/VERZEICHNIS.sig"));
-  put(s("src/VERZEICHNIS.sig"), sig.substr(0, 63));
+  std::string sig = read_all(s("src/VERZEICHNIS.sig"));
+  write_all(s("src/VERZEICHNIS.sig"), sig.substr(0, 63));
   expect_refusal(check(), "NO SIGNATURE for the VERZEICHNIS");
   std::filesystem::remove(s("src/VERZEICHNIS.sig"));
   expect_refusal(check(), "NO SIGNATURE");
   // Only the first 64 bytes count on a device, so a longer file still passes.
-  put(s("src/VERZEICHNIS.sig"), sig + "trailing");
+  write_all(s("src/VERZEICHNIS.sig"), sig + "trailing");
   Outcome r = check();
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("longer than 64 bytes"), std::string::npos) << r.out;
 }
 
 TEST_F(CheckTest, RefusesACorrectlySignedTextWithoutTheMarker) {
-  std::string text = get(s("src/VERZEICHNIS"));
+  std::string text = read_all(s("src/VERZEICHNIS"));
   resign("OTA3" + text.substr(4));
   expect_refusal(check(), "marker \"OTA2\" missing");
   resign("\n" + text);  // the marker on the second line is not at the start
@@ -88,7 +88,7 @@ TEST_F(CheckTest, RefusesACorrectlySignedTextWithoutTheMarker) {
 }
 
 TEST_F(CheckTest, RefusesACatalogLongerThanTheDeviceReads) {
-  std::string text = get(s("src/VERZEICHNIS"));
+  std::string text = read_all(s("src/VERZEICHNIS"));
   std::string padded = text + std::string(32767 - text.size() - 1, 'x') + "\n";
   ASSERT_EQ(padded.size(), 32767u);
   resign(padded);
@@ -99,36 +99,36 @@ TEST_F(CheckTest, RefusesACatalogLongerThanTheDeviceReads) {
 }
 
 TEST_F(CheckTest, RefusesPackageFilesThatDoNotMatchTheirEntries) {
-  put(s("src/foo.tpk"), "foo packagE\n");  // same length, different hash
+  write_all(s("src/foo.tpk"), "foo packagE\n");  // same length, different hash
   expect_refusal(check(), "package foo: \"foo.tpk\" has a different SHA-256");
-  put(s("src/foo.tpk"), "foo package\n\n");
+  write_all(s("src/foo.tpk"), "foo package\n\n");
   expect_refusal(check(), "is 13 bytes, announced 12");
   std::filesystem::remove(s("src/foo.tpk"));
   expect_refusal(check(), "\"foo.tpk\" is missing");
-  put(s("src/foo.tpk"), get(s("foo.tpk")));
-  put(s("src/foo.tpk.sig"), get(s("src/bar.tpk.sig")));
+  write_all(s("src/foo.tpk"), read_all(s("foo.tpk")));
+  write_all(s("src/foo.tpk.sig"), read_all(s("src/bar.tpk.sig")));
   expect_refusal(check(), "\"foo.tpk.sig\" does not verify");
-  put(s("src/foo.tpk.sig"), openssl_sign(s.key("k0"), get(s("foo.tpk"))));
+  write_all(s("src/foo.tpk.sig"), openssl_sign(s.key("k0"), read_all(s("foo.tpk"))));
   EXPECT_EQ(check().status, 0);
 }
 
 TEST_F(CheckTest, RefusesAMissingOrWrongIndex) {
-  std::string index = get(s("src/INDEX"));
+  std::string index = read_all(s("src/INDEX"));
   std::filesystem::remove(s("src/INDEX.sig"));
   expect_refusal(check(), "INDEX: \"INDEX.sig\" is missing");
-  put(s("src/INDEX.sig"), openssl_sign(s.key("k1"), index));
+  write_all(s("src/INDEX.sig"), openssl_sign(s.key("k1"), index));
   expect_refusal(check(), "\"INDEX.sig\" does not verify");
   std::string changed = index;
   changed[changed.find("\t8\t") + 1] = '7';
-  put(s("src/INDEX"), changed);
-  put(s("src/INDEX.sig"), openssl_sign(s.key("k0"), changed));
+  write_all(s("src/INDEX"), changed);
+  write_all(s("src/INDEX.sig"), openssl_sign(s.key("k0"), changed));
   expect_refusal(check(), "does not match the VERZEICHNIS");
   std::filesystem::remove(s("src/INDEX"));
   expect_refusal(check(), "INDEX is missing");
 }
 
 TEST_F(CheckTest, RefusesFieldsADeviceWouldCutAndOffersItCannotTake) {
-  std::string text = get(s("src/VERZEICHNIS"));
+  std::string text = read_all(s("src/VERZEICHNIS"));
   std::string long_name = text;
   long_name.replace(long_name.find("paket\tfoo\t") + 6, 3, std::string(64, 'f'));
   resign(long_name);
@@ -162,7 +162,7 @@ class CheckSystemTest : public ::testing::Test {
 
   void SetUp() override {
     ASSERT_EQ(publish({"kernel", "--build", "30", "--commit", "0123456789", "--out", s("tavi.mb")}).status, 0);
-    put(s("prog"), std::string(1000, 'p'));
+    write_all(s("prog"), std::string(1000, 'p'));
     Outcome r = publish({"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "30", "--commit", "0123456789",
                          "--kernel", s("tavi.mb"), "--gzip-kernel", "--file", "prog=" + s("prog") + ":gz"});
     ASSERT_EQ(r.status, 0) << r.err;
@@ -171,8 +171,8 @@ class CheckSystemTest : public ::testing::Test {
   Outcome check() { return publish({"check", s("sys"), "--trusted", s.pub("k0"), "--system"}); }
 
   void resign(const std::string& text) {
-    put(s("sys/VERZEICHNIS"), text);
-    put(s("sys/VERZEICHNIS.sig"), openssl_sign(s.key("k0"), text));
+    write_all(s("sys/VERZEICHNIS"), text);
+    write_all(s("sys/VERZEICHNIS.sig"), openssl_sign(s.key("k0"), text));
   }
 };
 
@@ -190,15 +190,15 @@ TEST_F(CheckSystemTest, AcceptsWhatSystemWroteAndChecksTheUnpackedFiles) {
 TEST_F(CheckSystemTest, RefusesAGzipVariantThatUnpacksToSomethingElse) {
   // A well-formed gzip file of other bytes, announced with its own correct size and hash:
   // only the unpacked comparison can catch it.
-  std::string text = get(s("sys/VERZEICHNIS"));
+  std::string text = read_all(s("sys/VERZEICHNIS"));
   Outcome other = publish({"kernel", "--build", "31", "--commit", "0123456789", "--out", s("other.mb")});
   ASSERT_EQ(other.status, 0);
   ASSERT_EQ(publish({"system", "--key", s.key("k0"), "--out", s("sys2"), "--build", "31", "--commit", "0123456789",
                      "--kernel", s("other.mb"), "--gzip-kernel"})
                 .status,
             0);
-  std::string gz = get(s("sys2/other.mb.gz"));
-  put(s("sys/tavi.mb.gz"), gz);
+  std::string gz = read_all(s("sys2/other.mb.gz"));
+  write_all(s("sys/tavi.mb.gz"), gz);
   std::size_t at = text.find("sysgz\tkernel\t") + 13;
   std::size_t end = text.find('\n', at);
   text.replace(at, end - at, sha256_hex(gz) + "\t" + std::to_string(gz.size()) + "\ttavi.mb.gz");
@@ -209,7 +209,7 @@ TEST_F(CheckSystemTest, RefusesAGzipVariantThatUnpacksToSomethingElse) {
 }
 
 TEST_F(CheckSystemTest, RefusesAMissingKernelEntryAndBadOverlayLines) {
-  std::string text = get(s("sys/VERZEICHNIS"));
+  std::string text = read_all(s("sys/VERZEICHNIS"));
   std::string no_kernel = text;
   std::size_t at = no_kernel.find("sysfile\tkernel\t");
   no_kernel.erase(at, no_kernel.find('\n', at) + 1 - at);
@@ -238,35 +238,21 @@ TEST_F(CheckSystemTest, RefusesAMissingKernelEntryAndBadOverlayLines) {
 }
 
 // A gzip member of data, made with zlib.
-std::string gzip(const std::string& data) {
-  z_stream z{};
-  EXPECT_EQ(deflateInit2(&z, 9, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY), Z_OK);
-  std::string out(deflateBound(&z, data.size()) + 64, '\0');
-  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-  z.avail_in = static_cast<uInt>(data.size());
-  z.next_out = reinterpret_cast<Bytef*>(out.data());
-  z.avail_out = static_cast<uInt>(out.size());
-  EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
-  out.resize(z.total_out);
-  deflateEnd(&z);
-  return out;
-}
-
 TEST_F(CheckSystemTest, RefusesAKernelLimineOnUefiWouldNotStartWhetherPlainOrPacked) {
   // The stand-in kernel with its header's flags changed to text mode and the checksum made
   // good again: 4096 bytes, the header at offset 52.
-  std::string text_mode = get(s("tavi.mb"));
+  std::string text_mode = read_all(s("tavi.mb"));
   const std::uint32_t flags = 0x00010000;
   const std::uint32_t sum = 0u - 0x1BADB002u - flags;
   for (int i = 0; i < 4; ++i) {
     text_mode[56 + i] = static_cast<char>((flags >> (8 * i)) & 0xff);
     text_mode[60 + i] = static_cast<char>((sum >> (8 * i)) & 0xff);
   }
-  std::string text = get(s("sys/VERZEICHNIS"));
-  std::string sha = sha256_hex(get(s("tavi.mb")));
-  std::string packed = gzip(text_mode);
-  put(s("sys/tavi.mb.gz"), packed);
-  put(s("sys/tavi.mb"), text_mode);
+  std::string text = read_all(s("sys/VERZEICHNIS"));
+  std::string sha = sha256_hex(read_all(s("tavi.mb")));
+  std::string packed = gzip_by_zlib(text_mode);
+  write_all(s("sys/tavi.mb.gz"), packed);
+  write_all(s("sys/tavi.mb"), text_mode);
   std::string announced = text;
   announced.replace(announced.find(sha), 64, sha256_hex(text_mode));
   std::size_t gz_line = announced.find("sysgz\tkernel\t");

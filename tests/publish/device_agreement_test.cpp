@@ -24,6 +24,7 @@
 #include "publish/rules.h"
 #include "runtime/syscall.h"
 #include "runtime/text.h"
+#include "signing.h"
 #include "system/overlay.h"
 #include "trust/catalog_text.h"
 #include "trust/ed25519.h"
@@ -260,54 +261,10 @@ TEST(DeviceAgreement, LinesAreFoundAsTheDeviceFindsThem) {
 
 using Key = std::array<std::uint8_t, 32>;
 
-struct SigningKey {
-  Key seed{};
-  Key pub{};
-};
-
-SigningKey signing_key(std::uint8_t fill) {
-  SigningKey k;
-  k.seed.fill(fill);
-  EVP_PKEY* pkey = EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, k.seed.data(), 32);
-  std::size_t len = 32;
-  EVP_PKEY_get_raw_public_key(pkey, k.pub.data(), &len);
-  EVP_PKEY_free(pkey);
-  return k;
-}
-
-std::string sign(const SigningKey& k, const std::string& message) {
-  EVP_PKEY* pkey = EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, k.seed.data(), 32);
-  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-  unsigned char sig[64];
-  std::size_t len = sizeof sig;
-  EVP_DigestSignInit(ctx, nullptr, nullptr, nullptr, pkey);
-  EVP_DigestSign(ctx, sig, &len, reinterpret_cast<const unsigned char*>(message.data()), message.size());
-  EVP_MD_CTX_free(ctx);
-  EVP_PKEY_free(pkey);
-  return std::string(reinterpret_cast<char*>(sig), 64);
-}
-
 bool openssl_verifies(const Key& key, const std::string& message, const std::string& sig) {
-  EVP_PKEY* pkey = EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, key.data(), 32);
-  if (pkey == nullptr) return false;
-  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-  bool ok = EVP_DigestVerifyInit(ctx, nullptr, nullptr, nullptr, pkey) == 1 &&
-            EVP_DigestVerify(ctx, reinterpret_cast<const unsigned char*>(sig.data()), 64,
-                             reinterpret_cast<const unsigned char*>(message.data()), message.size()) == 1;
-  EVP_MD_CTX_free(ctx);
-  EVP_PKEY_free(pkey);
-  return ok;
+  return ::openssl_verifies(std::string(reinterpret_cast<const char*>(key.data()), key.size()), message, sig);
 }
 
-std::string hex(const std::string& bytes, bool upper = false) {
-  const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : bytes) {
-    out.push_back(digits[c >> 4]);
-    out.push_back(digits[c & 15]);
-  }
-  return out;
-}
 std::string bytes_of(const Key& k) { return std::string(reinterpret_cast<const char*>(k.data()), 32); }
 
 // Exactly 2n hex digits of either case, else nothing.
@@ -400,9 +357,9 @@ Outcome device_walk(const std::string& text, const Key& trusted, const std::opti
 
 TEST(DeviceAgreement, TheKeyChangeWalkEndsWhereTheDevicesWalkEnds) {
   Rng rng(18007);
-  std::vector<SigningKey> keys;
-  for (std::uint8_t fill = 0x40; fill < 0x48; fill++) keys.push_back(signing_key(fill));
-  const SigningKey& spare_key = keys[7];
+  std::vector<TestKey> keys;
+  for (std::uint8_t fill = 0x40; fill < 0x48; fill++) keys.push_back(TestKey::from_seed(fill));
+  const TestKey& spare_key = keys[7];
   std::size_t moved = 0;
   std::size_t broken = 0;
   std::size_t stayed = 0;
@@ -419,15 +376,15 @@ TEST(DeviceAgreement, TheKeyChangeWalkEndsWhereTheDevicesWalkEnds) {
       if (chance(rng, 0.05)) gen_text = "0" + gen_text;
       if (chance(rng, 0.05)) gen_text += "x";
       if (chance(rng, 0.03)) gen_text = "";
-      const SigningKey& next = keys[g % 7];
-      std::string key_text = hex(bytes_of(next.pub), chance(rng, 0.1));
+      const TestKey& next = keys[g % 7];
+      std::string key_text = to_hex(bytes_of(next.pub), chance(rng, 0.1));
       if (chance(rng, 0.05)) key_text = key_text.substr(0, 63);
       if (chance(rng, 0.05)) key_text += "0";
-      const SigningKey* signer = g >= 1 ? &keys[(g - 1) % 7] : &keys[0];
+      const TestKey* signer = g >= 1 ? &keys[(g - 1) % 7] : &keys[0];
       if (chance(rng, 0.15)) signer = &spare_key;
       if (chance(rng, 0.1)) signer = &keys[below(rng, 7)];
       std::string signed_gen = chance(rng, 0.05) ? std::to_string(g + 1) : std::to_string(g);
-      std::string sig_text = hex(sign(*signer, "tavi-schluessel\t" + signed_gen + "\t" + key_text), chance(rng, 0.1));
+      std::string sig_text = to_hex(signer->sign("tavi-schluessel\t" + signed_gen + "\t" + key_text), chance(rng, 0.1));
       if (chance(rng, 0.03)) sig_text = sig_text.substr(1);
       std::string line = "kette\t" + gen_text + "\t" + key_text + "\t" + sig_text;
       if (chance(rng, 0.03)) line += "\r";

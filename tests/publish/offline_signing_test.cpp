@@ -15,11 +15,11 @@ class OfflineSigning : public ::testing::Test {
   KeyedScratch s;
 
   void SetUp() override {
-    put(s("foo-1.0.tpk"), "the foo package\n");
-    put(s("bar-2.1.tpk"), std::string(3000, 'b'));
-    put(s("arm-1.0.tpk"), "for another machine\n");
+    write_all(s("foo-1.0.tpk"), "the foo package\n");
+    write_all(s("bar-2.1.tpk"), std::string(3000, 'b'));
+    write_all(s("arm-1.0.tpk"), "for another machine\n");
     ASSERT_EQ(publish({"kernel", "--build", "20250110", "--commit", "a1b2c3d4e5", "--out", s("tavi.mb")}).status, 0);
-    put(s("taskbar"), "taskbar program\n");
+    write_all(s("taskbar"), "taskbar program\n");
   }
 
   // The catalog's words after --key KEY or --unsigned.
@@ -61,7 +61,7 @@ class OfflineSigning : public ::testing::Test {
   // Two directories hold the same names with the same bytes.
   void expect_same_source(const std::string& a, const std::string& b) {
     ASSERT_EQ(names_in(s(a)), names_in(s(b)));
-    for (const std::string& name : names_in(s(a))) EXPECT_EQ(get(s(a + "/" + name)), get(s(b + "/" + name))) << name;
+    for (const std::string& name : names_in(s(a))) EXPECT_EQ(read_all(s(a + "/" + name)), read_all(s(b + "/" + name))) << name;
   }
 
   // `sign` refused: status 1, one line on standard error, and not one .sig file anywhere.
@@ -86,7 +86,7 @@ TEST_F(OfflineSigning, AnUnsignedCatalogHoldsEverythingButTheSignatures) {
       << r.out;
   // What is there is byte for byte what a signed build writes.
   ASSERT_EQ(catalog({"--key", s.key("k0")}, "signed").status, 0);
-  for (const std::string& name : names_in(s("src"))) EXPECT_EQ(get(s("src/" + name)), get(s("signed/" + name)));
+  for (const std::string& name : names_in(s("src"))) EXPECT_EQ(read_all(s("src/" + name)), read_all(s("signed/" + name)));
   r = publish({"check", s("src"), "--trusted", s.pub("k0")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("NO SIGNATURE for the VERZEICHNIS"), std::string::npos) << r.err;
@@ -99,7 +99,7 @@ TEST_F(OfflineSigning, SigningTheDirectoryCoversEverySignatureADeviceFetches) {
   EXPECT_EQ(names_in(s("src")), (std::vector<std::string>{"INDEX", "INDEX.sig", "VERZEICHNIS", "VERZEICHNIS.sig",
                                                           "arm-1.0.tpk", "arm-1.0.tpk.sig", "bar-2.1.tpk",
                                                           "bar-2.1.tpk.sig", "foo-1.0.tpk", "foo-1.0.tpk.sig"}));
-  EXPECT_NE(r.out.find("ota-publish: 5 signature(s) by " + hex(get(s.pub("k0"))) + "\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("ota-publish: 5 signature(s) by " + to_hex(read_all(s.pub("k0"))) + "\n"), std::string::npos) << r.out;
   ASSERT_EQ(catalog({"--key", s.key("k0")}, "signed").status, 0);
   expect_same_source("src", "signed");
   r = publish({"check", s("src"), "--trusted", s.pub("k0")});
@@ -149,7 +149,7 @@ TEST_F(OfflineSigning, KeyChangesAreCheckedAndTheNoteNamesTheKeyThatMustSign) {
   Outcome r = catalog({"--unsigned"}, "src", {"--chain", s("kette-1")});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(
-      r.out.find("ota-publish: KEY must be the key of generation 1 (" + hex(get(s.pub("k1"))) + ") or the spare key\n"),
+      r.out.find("ota-publish: KEY must be the key of generation 1 (" + to_hex(read_all(s.pub("k1"))) + ") or the spare key\n"),
       std::string::npos)
       << r.out;
   // Signed with the old key, a device that follows the change refuses it; with the new
@@ -189,34 +189,34 @@ TEST_F(OfflineSigning, UnsignedTakesNoKey) {
 TEST_F(OfflineSigning, AnExistingSignatureIsReplacedOnlyWithForce) {
   ASSERT_EQ(catalog({"--unsigned"}, "src").status, 0);
   ASSERT_EQ(publish({"sign", "--key", s.key("k1"), s("src/VERZEICHNIS")}).status, 0);
-  std::string wrong = get(s("src/VERZEICHNIS.sig"));
+  std::string wrong = read_all(s("src/VERZEICHNIS.sig"));
   // Signing the whole source stops at the one signature already there, and writes none.
   expect_sign_refused({"sign", "--key", s.key("k0"), s("src")},
                       "signature file \"" + s("src/VERZEICHNIS.sig") + "\" already exists (give --force");
-  EXPECT_EQ(get(s("src/VERZEICHNIS.sig")), wrong);
+  EXPECT_EQ(read_all(s("src/VERZEICHNIS.sig")), wrong);
   ASSERT_EQ(publish({"sign", "--force", "--key", s.key("k0"), s("src")}).status, 0);
-  EXPECT_TRUE(verifies(get(s.pub("k0")), get(s("src/VERZEICHNIS")), get(s("src/VERZEICHNIS.sig"))));
+  EXPECT_TRUE(verifies(read_all(s.pub("k0")), read_all(s("src/VERZEICHNIS")), read_all(s("src/VERZEICHNIS.sig"))));
   EXPECT_EQ(publish({"check", s("src"), "--trusted", s.pub("k0")}).status, 0);
 }
 
 TEST_F(OfflineSigning, APackageThatChangedOnTheWayIsRefused) {
   ASSERT_EQ(catalog({"--unsigned"}, "src").status, 0);
-  put(s("src/bar-2.1.tpk"), std::string(3000, 'x'));
+  write_all(s("src/bar-2.1.tpk"), std::string(3000, 'x'));
   expect_sign_refused({"sign", "--key", s.key("k0"), s("src")}, "package file \"" + s("src/bar-2.1.tpk") +
                                                                     "\" is not what \"" + s("src/VERZEICHNIS") +
                                                                     "\" package line 2 announces (length or SHA-256)");
-  put(s("src/bar-2.1.tpk"), get(s("bar-2.1.tpk")));
+  write_all(s("src/bar-2.1.tpk"), read_all(s("bar-2.1.tpk")));
   std::filesystem::remove(s("src/arm-1.0.tpk"));
   expect_sign_refused({"sign", "--key", s.key("k0"), s("src")}, "cannot read package file");
 }
 
 TEST_F(OfflineSigning, ACatalogWhosePackageNamesLeaveTheDirectoryIsRefused) {
   std::filesystem::create_directories(s("src"));
-  put(s("victim"), "a file outside the source\n");
-  std::string data = get(s("victim"));
-  put(s("src/VERZEICHNIS"), "OTA2\nfassung\t3\npaket\tx\tw\t" + sha256_hex(data) + "\t" + std::to_string(data.size()) +
+  write_all(s("victim"), "a file outside the source\n");
+  std::string data = read_all(s("victim"));
+  write_all(s("src/VERZEICHNIS"), "OTA2\nfassung\t3\npaket\tx\tw\t" + sha256_hex(data) + "\t" + std::to_string(data.size()) +
                                 "\t../victim\ttavi-any\n");
-  put(s("src/INDEX"), "x\t3\t../victim\t" + sha256_hex(data) + "\n");
+  write_all(s("src/INDEX"), "x\t3\t../victim\t" + sha256_hex(data) + "\n");
   expect_sign_refused({"sign", "--key", s.key("k0"), s("src")}, "may hold only letters, digits");
   EXPECT_FALSE(exists(s("victim.sig")));
 }
@@ -228,7 +228,7 @@ TEST_F(OfflineSigning, WhatCannotBeSignedIsRefused) {
   expect_sign_refused({"sign", "--key", s.key("k0"), s("src/VERZEICHNIS"), s("src/nothing")},
                       "cannot read \"" + s("src/nothing") + "\"");
   expect_sign_refused({"sign", "--key", s("missing.key"), s("src/VERZEICHNIS")}, "missing.key");
-  put(s("src/VERZEICHNIS"), "OTA2\nfassung\t3\n" + std::string(32767, '#'));
+  write_all(s("src/VERZEICHNIS"), "OTA2\nfassung\t3\n" + std::string(32767, '#'));
   expect_sign_refused({"sign", "--key", s.key("k0"), s("src/VERZEICHNIS")},
                       "a device reads at most 32767 of a VERZEICHNIS");
   expect_sign_refused({"sign", "--key", s.key("k0"), s("src")}, "a device reads at most 32767 of a VERZEICHNIS");

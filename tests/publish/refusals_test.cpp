@@ -78,7 +78,7 @@ TEST(PublicKeyProblems, RealKeysAreUsableAndYWithoutAPointIsNot) {
   Scratch s;
   for (int i = 0; i < 20; i++) {
     ASSERT_EQ(tool({"keygen", "--out", s("k" + std::to_string(i))}).status, 0);
-    std::string key = get(s("k" + std::to_string(i) + ".pub"));
+    std::string key = read_all(s("k" + std::to_string(i) + ".pub"));
     EXPECT_EQ(problem_of(key), ota::kKeyUsable);
     for (int m = 0; m < 8; m++) EXPECT_FALSE(device_verify(key, "catalog " + std::to_string(m), kForgery));
   }
@@ -111,7 +111,7 @@ class WeakKeyTest : public ::testing::Test {
     all.push_back("0200000000000000000000000000000000000000000000000000000000000000");  // y = 2: no point
     for (std::size_t i = 0; i < all.size(); i++) {
       std::string path = s("weak" + std::to_string(i) + ".pub");
-      put(path, key_bytes(all[i]));
+      write_all(path, key_bytes(all[i]));
       files.push_back({path, all[i]});
     }
     EXPECT_EQ(problem_of(key_bytes(all.back())), ota::kKeyNotOnCurve);
@@ -132,7 +132,7 @@ TEST_F(WeakKeyTest, ChainNewRefusesEveryWeakKeyAndWritesNothing) {
 
 TEST_F(WeakKeyTest, TheIdentityKeyIsRefusedAsASmallOrderPoint) {
   std::string path = s("identity.pub");
-  put(path, key_bytes(kSmallOrder[0]));
+  write_all(path, key_bytes(kSmallOrder[0]));
   Outcome r = tool({"chain", "--signer", s.key("k0"), "--new", path, "--generation", "1", "--out", s("step")});
   EXPECT_EQ(r.err, "ota-publish: new key " + kSmallOrder[0] +
                        " is a point of small order; devices check signatures without the cofactor, so anyone "
@@ -141,7 +141,7 @@ TEST_F(WeakKeyTest, TheIdentityKeyIsRefusedAsASmallOrderPoint) {
 }
 
 TEST_F(WeakKeyTest, CheckRefusesAWeakTrustedOrSpareKey) {
-  put(s("p.tpk"), "package\n");
+  write_all(s("p.tpk"), "package\n");
   ASSERT_EQ(tool({"catalog", "--key", s.key("k0"), "--out", s("src"), "--version", "2", "--package",
                      "p:w:" + s("p.tpk") + ":tavi-any"})
                 .status,
@@ -162,10 +162,10 @@ TEST_F(WeakKeyTest, CheckRefusesAChainThatReachesAWeakKey) {
   // spare key so that it verifies whatever the chain reaches.
   std::string identity = key_bytes(kSmallOrder[0]);
   std::string step = "tavi-schluessel\t1\t" + kSmallOrder[0];
-  std::string text = "OTA2\nfassung\t2\nkette\t1\t" + kSmallOrder[0] + "\t" + hex(openssl_sign(s.key("k0"), step)) + "\n";
+  std::string text = "OTA2\nfassung\t2\nkette\t1\t" + kSmallOrder[0] + "\t" + to_hex(openssl_sign(s.key("k0"), step)) + "\n";
   std::filesystem::create_directories(s("src"));
-  put(s("src/VERZEICHNIS"), text);
-  put(s("src/VERZEICHNIS.sig"), openssl_sign(s.key("spare"), text));
+  write_all(s("src/VERZEICHNIS"), text);
+  write_all(s("src/VERZEICHNIS.sig"), openssl_sign(s.key("spare"), text));
   Outcome r = tool({"check", s("src"), "--trusted", s.pub("k0"), "--spare", s.pub("spare")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.out.find("key change to generation 1 accepted, signed by the key of generation 0"), std::string::npos)
@@ -176,9 +176,9 @@ TEST_F(WeakKeyTest, CheckRefusesAChainThatReachesAWeakKey) {
 }
 
 TEST_F(WeakKeyTest, ReleasesRefuseAKeyChangeFileOrSpareKeyThatIsWeak) {
-  put(s("p.tpk"), "package\n");
+  write_all(s("p.tpk"), "package\n");
   std::string step = "tavi-schluessel\t1\t" + kSmallOrder[4];
-  put(s("weak.chain"), "kette\t1\t" + kSmallOrder[4] + "\t" + hex(openssl_sign(s.key("k0"), step)) + "\n");
+  write_all(s("weak.chain"), "kette\t1\t" + kSmallOrder[4] + "\t" + to_hex(openssl_sign(s.key("k0"), step)) + "\n");
   Outcome r = tool({"catalog", "--key", s.key("k0"), "--out", s("src"), "--version", "2", "--package",
                        "p:w:" + s("p.tpk") + ":tavi-any", "--chain", s("weak.chain")});
   EXPECT_EQ(r.status, 1);
@@ -186,7 +186,7 @@ TEST_F(WeakKeyTest, ReleasesRefuseAKeyChangeFileOrSpareKeyThatIsWeak) {
             std::string::npos)
       << r.err;
   EXPECT_FALSE(exists(s("src")));
-  put(s("zero.pub"), key_bytes(kSmallOrder[2]));
+  write_all(s("zero.pub"), key_bytes(kSmallOrder[2]));
   r = tool({"catalog", "--key", s.key("k0"), "--out", s("src"), "--version", "2", "--package",
                "p:w:" + s("p.tpk") + ":tavi-any", "--spare", s("zero.pub")});
   EXPECT_EQ(r.status, 1);
@@ -194,12 +194,12 @@ TEST_F(WeakKeyTest, ReleasesRefuseAKeyChangeFileOrSpareKeyThatIsWeak) {
 }
 
 TEST_F(WeakKeyTest, CheckRefusesAKeyGenerationADeviceCannotStore) {
-  std::string step = "tavi-schluessel\t100000000\t" + hex(get(s.pub("k1")));
-  std::string text = "OTA2\nfassung\t2\nkette\t100000000\t" + hex(get(s.pub("k1"))) + "\t" +
-                     hex(openssl_sign(s.key("k0"), step)) + "\n";
+  std::string step = "tavi-schluessel\t100000000\t" + to_hex(read_all(s.pub("k1")));
+  std::string text = "OTA2\nfassung\t2\nkette\t100000000\t" + to_hex(read_all(s.pub("k1"))) + "\t" +
+                     to_hex(openssl_sign(s.key("k0"), step)) + "\n";
   std::filesystem::create_directories(s("src"));
-  put(s("src/VERZEICHNIS"), text);
-  put(s("src/VERZEICHNIS.sig"), openssl_sign(s.key("k1"), text));
+  write_all(s("src/VERZEICHNIS"), text);
+  write_all(s("src/VERZEICHNIS.sig"), openssl_sign(s.key("k1"), text));
   Outcome r = tool({"check", s("src"), "--trusted", s.pub("k0"), "--generation", "99999999"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("key generation 100000000 does not fit the eight digits a device stores"), std::string::npos)
@@ -230,9 +230,9 @@ class SystemRefusalTest : public ::testing::Test {
   KeyedScratch s;
   void SetUp() override {
     ASSERT_EQ(tool({"kernel", "--build", "30", "--commit", "0123456789", "--out", s("tavi.mb")}).status, 0);
-    put(s("prog"), std::string(1000, 'p'));
-    put(s("hosts"), "hosts\n");
-    put(s("start"), "#!/bin/sh\n");
+    write_all(s("prog"), std::string(1000, 'p'));
+    write_all(s("hosts"), "hosts\n");
+    write_all(s("start"), "#!/bin/sh\n");
   }
   Outcome system(const std::vector<std::string>& more) {
     std::vector<std::string> words = {"system", "--key", s.key("k0"), "--out", s("sys"), "--build", "30", "--commit",
@@ -241,10 +241,10 @@ class SystemRefusalTest : public ::testing::Test {
     return tool(words);
   }
   Outcome check() { return tool({"check", s("sys"), "--trusted", s.pub("k0"), "--system"}); }
-  std::string text() { return get(s("sys/VERZEICHNIS")); }
+  std::string text() { return read_all(s("sys/VERZEICHNIS")); }
   void resign(const std::string& text) {
-    put(s("sys/VERZEICHNIS"), text);
-    put(s("sys/VERZEICHNIS.sig"), openssl_sign(s.key("k0"), text));
+    write_all(s("sys/VERZEICHNIS"), text);
+    write_all(s("sys/VERZEICHNIS.sig"), openssl_sign(s.key("k0"), text));
   }
 };
 
@@ -317,7 +317,7 @@ TEST_F(SystemRefusalTest, CheckUnpacksEveryGzipVariant) {
   std::size_t gz_at = t.find("sysgz\tprog\t");
   std::string good_line = t.substr(gz_at, t.find('\n', gz_at) + 1 - gz_at);
   auto variant = [&](const std::string& name, const std::string& packed, const std::string& target = "prog") {
-    put(s("sys/" + name), packed);
+    write_all(s("sys/" + name), packed);
     return "sysgz\t" + target + "\t" + sha256_hex(packed) + "\t" + std::to_string(packed.size()) + "\t" + name + "\n";
   };
 
@@ -392,14 +392,14 @@ TEST(DeviceGunzip, UnpacksAsTheDeviceDoesAndStopsPastTheLimit) {
 
 TEST(CheckNumbers, ABlockedVersionADeviceCannotStoreIsAProblem) {
   KeyedScratch s;
-  put(s("p.tpk"), "package\n");
+  write_all(s("p.tpk"), "package\n");
   ASSERT_EQ(tool({"catalog", "--key", s.key("k0"), "--out", s("src"), "--version", "2", "--package",
                      "p:w:" + s("p.tpk") + ":tavi-any"})
                 .status,
             0);
-  std::string text = get(s("src/VERZEICHNIS")) + "gesperrt\t100000007\ngesperrt\t3rc1\n";
-  put(s("src/VERZEICHNIS"), text);
-  put(s("src/VERZEICHNIS.sig"), openssl_sign(s.key("k0"), text));
+  std::string text = read_all(s("src/VERZEICHNIS")) + "gesperrt\t100000007\ngesperrt\t3rc1\n";
+  write_all(s("src/VERZEICHNIS"), text);
+  write_all(s("src/VERZEICHNIS.sig"), openssl_sign(s.key("k0"), text));
   Outcome r = tool({"check", s("src"), "--trusted", s.pub("k0")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("blocked version 100000007 does not fit the eight digits a device stores; it would block 7"),

@@ -14,10 +14,10 @@ class SystemTest : public ::testing::Test {
 
   void SetUp() override {
     ASSERT_EQ(publish({"kernel", "--build", "20250110", "--commit", "a1b2c3d4e5", "--out", s("tavi.mb")}).status, 0);
-    put(s("notes.txt"), "Build 20250110: faster start.\n");
-    put(s("roots.pem"), "-----BEGIN CERTIFICATE-----\nroots\n-----END CERTIFICATE-----\n");
-    put(s("taskbar"), std::string(5000, 't') + "taskbar program\n");
-    put(s("hosts.conf"), "127.0.0.1 localhost\n");
+    write_all(s("notes.txt"), "Build 20250110: faster start.\n");
+    write_all(s("roots.pem"), "-----BEGIN CERTIFICATE-----\nroots\n-----END CERTIFICATE-----\n");
+    write_all(s("taskbar"), std::string(5000, 't') + "taskbar program\n");
+    write_all(s("hosts.conf"), "127.0.0.1 localhost\n");
   }
 
   std::vector<std::string> base() {
@@ -47,14 +47,14 @@ TEST_F(SystemTest, ManifestListsEveryEntryAndTheSourceHoldsEveryDownload) {
                       "--gzip-roots", "--file", "taskbar=" + s("taskbar") + ":gz", "--file",
                       "/etc/net/hosts.conf=" + s("hosts.conf"), "--link", "/apps/bar/start=/bin/taskbar"});
   ASSERT_EQ(r.status, 0) << r.err;
-  std::string kernel = get(s("tavi.mb"));
-  std::string notes = get(s("notes.txt"));
-  std::string roots = get(s("roots.pem"));
-  std::string taskbar = get(s("taskbar"));
-  std::string hosts = get(s("hosts.conf"));
-  std::string kernel_gz = get(s("sys/tavi.mb.gz"));
-  std::string roots_gz = get(s("sys/roots.pem.gz"));
-  std::string taskbar_gz = get(s("sys/taskbar.gz"));
+  std::string kernel = read_all(s("tavi.mb"));
+  std::string notes = read_all(s("notes.txt"));
+  std::string roots = read_all(s("roots.pem"));
+  std::string taskbar = read_all(s("taskbar"));
+  std::string hosts = read_all(s("hosts.conf"));
+  std::string kernel_gz = read_all(s("sys/tavi.mb.gz"));
+  std::string roots_gz = read_all(s("sys/roots.pem.gz"));
+  std::string taskbar_gz = read_all(s("sys/taskbar.gz"));
   std::string expected =
       "OTA2\n"
       "system\t20250110\ta1b2c3d4e5\t20240101\n"
@@ -83,14 +83,14 @@ TEST_F(SystemTest, ManifestListsEveryEntryAndTheSourceHoldsEveryDownload) {
       sha256_hex(taskbar_gz) + "\t" + std::to_string(taskbar_gz.size()) +
       "\ttaskbar.gz\n"
       "syslink\t/apps/bar/start\t/bin/taskbar\n";
-  EXPECT_EQ(get(s("sys/VERZEICHNIS")), expected);
-  EXPECT_TRUE(verifies(get(s.pub("k0")), expected, get(s("sys/VERZEICHNIS.sig"))));
+  EXPECT_EQ(read_all(s("sys/VERZEICHNIS")), expected);
+  EXPECT_TRUE(verifies(read_all(s.pub("k0")), expected, read_all(s("sys/VERZEICHNIS.sig"))));
   EXPECT_EQ(names_in(s("sys")),
             (std::vector<std::string>{"VERZEICHNIS", "VERZEICHNIS.sig", "hosts.conf", "notes.txt", "roots.pem",
                                       "roots.pem.gz", "taskbar", "taskbar.gz", "tavi.mb", "tavi.mb.gz"}));
-  EXPECT_EQ(get(s("sys/tavi.mb")), kernel);
-  EXPECT_EQ(get(s("sys/taskbar")), taskbar);
-  EXPECT_EQ(get(s("sys/hosts.conf")), hosts);
+  EXPECT_EQ(read_all(s("sys/tavi.mb")), kernel);
+  EXPECT_EQ(read_all(s("sys/taskbar")), taskbar);
+  EXPECT_EQ(read_all(s("sys/hosts.conf")), hosts);
 
   Outcome c = publish({"check", s("sys"), "--trusted", s.pub("k0"), "--system"});
   EXPECT_EQ(c.status, 0) << c.out << c.err;
@@ -103,7 +103,7 @@ TEST_F(SystemTest, GzipVariantsUnpackWithZlibToTheAnnouncedSizeAndHash) {
                     "taskbar=" + s("taskbar") + ":gz", "--file", "/usr/share/x/hosts.conf=" + s("hosts.conf") + ":gz"})
                 .status,
             0);
-  std::string text = get(s("sys/VERZEICHNIS"));
+  std::string text = read_all(s("sys/VERZEICHNIS"));
   std::map<std::string, std::vector<std::string>> plain;   // target -> sysfile fields
   std::map<std::string, std::vector<std::string>> packed;  // target -> sysgz fields
   for (const std::string& line : lines_of(text)) {
@@ -114,12 +114,12 @@ TEST_F(SystemTest, GzipVariantsUnpackWithZlibToTheAnnouncedSizeAndHash) {
   ASSERT_EQ(packed.size(), 4u);
   for (const auto& [target, gz] : packed) {
     ASSERT_TRUE(plain.count(target)) << target;
-    std::string data = get(s("sys/" + gz[4]));
+    std::string data = read_all(s("sys/" + gz[4]));
     EXPECT_EQ(gz[4], plain[target][4] + ".gz");
     EXPECT_EQ(std::to_string(data.size()), gz[3]) << target;
     EXPECT_EQ(sha256_hex(data), gz[2]) << target;
     std::string unpacked;
-    ASSERT_TRUE(gunzip(data, unpacked)) << target;
+    ASSERT_TRUE(gunzip_by_zlib(data, unpacked)) << target;
     EXPECT_EQ(std::to_string(unpacked.size()), plain[target][3]) << target;
     EXPECT_EQ(sha256_hex(unpacked), plain[target][2]) << target;
     // No file name and no time in the header: bytes 4..7 are the zero modification time.
@@ -137,7 +137,7 @@ TEST_F(SystemTest, SameInputsGiveByteIdenticalSources) {
   ASSERT_EQ(system(more, "a").status, 0);
   ASSERT_EQ(system(more, "b").status, 0);
   ASSERT_EQ(names_in(s("a")), names_in(s("b")));
-  for (const std::string& name : names_in(s("a"))) EXPECT_EQ(get(s("a/" + name)), get(s("b/" + name))) << name;
+  for (const std::string& name : names_in(s("a"))) EXPECT_EQ(read_all(s("a/" + name)), read_all(s("b/" + name))) << name;
 }
 
 // The 48 bytes of a multiboot1 header as little-endian words.
@@ -149,7 +149,7 @@ std::string header_words(const std::vector<std::uint32_t>& words) {
 }
 
 TEST_F(SystemTest, KernelStandInImage) {
-  std::string image = get(s("tavi.mb"));
+  std::string image = read_all(s("tavi.mb"));
   ASSERT_EQ(image.size(), 4096u);
   std::string first = "TAVI-KERNEL build=20250110 commit=a1b2c3d4e5 health=good\n";
   ASSERT_EQ(first.size(), 57u);
@@ -157,7 +157,7 @@ TEST_F(SystemTest, KernelStandInImage) {
   // At offset 60, the first multiple of 4 after the line, a multiboot1 header: magic, flags
   // (a video mode, load addresses given), checksum, header_addr, load_addr, load_end_addr,
   // bss_end_addr, entry_addr, and a linear framebuffer of 1024 x 768 x 32.
-  EXPECT_EQ(hex(image.substr(60, 48)), hex(header_words({0x1BADB002, 0x00010004, 0xE4514FFA, 0x0010003C, 0x00100000,
+  EXPECT_EQ(to_hex(image.substr(60, 48)), to_hex(header_words({0x1BADB002, 0x00010004, 0xE4514FFA, 0x0010003C, 0x00100000,
                                                          0, 0, 0x0010006C, 0, 1024, 768, 32})));
   for (std::size_t i = first.size(); i < image.size(); ++i) {
     if (i >= 60 && i < 108) continue;
@@ -166,9 +166,9 @@ TEST_F(SystemTest, KernelStandInImage) {
   Outcome r =
       publish({"kernel", "--build", "7", "--commit", "deadbeef", "--broken", "--size", "100", "--out", s("bad.mb")});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(get(s("bad.mb")).size(), 100u);
-  EXPECT_EQ(get(s("bad.mb")).rfind("TAVI-KERNEL build=7 commit=deadbeef health=broken\n", 0), 0u);
-  EXPECT_EQ(get(s("bad.mb")).substr(52, 4), header_words({0x1BADB002}));
+  EXPECT_EQ(read_all(s("bad.mb")).size(), 100u);
+  EXPECT_EQ(read_all(s("bad.mb")).rfind("TAVI-KERNEL build=7 commit=deadbeef health=broken\n", 0), 0u);
+  EXPECT_EQ(read_all(s("bad.mb")).substr(52, 4), header_words({0x1BADB002}));
   // The line (50 bytes) and the header at 52 need 100 bytes.
   r = publish({"kernel", "--build", "7", "--commit", "deadbeef", "--broken", "--size", "99", "--out", s("tiny.mb")});
   EXPECT_EQ(r.status, 1);
@@ -196,13 +196,13 @@ TEST_F(SystemTest, AKernelLimineOnUefiWouldNotStartIsRefusedAndAGoodOneIsTakenAs
   // A real kernel's header: page-aligned modules, memory information and a video mode
   // (flags 0x7), at 4096 bytes in. It is published byte for byte.
   std::string real = kernel_with(4096, {magic, 0x7, 0u - magic - 0x7, 0, 0, 0, 0, 0, 0, 1280, 800, 32});
-  put(s("real.mb"), real);
+  write_all(s("real.mb"), real);
   std::vector<std::string> words = base();
   words.back() = s("real.mb");
   Outcome r = publish(words);
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(get(s("sys/real.mb")), real);
-  EXPECT_NE(get(s("sys/VERZEICHNIS")).find("sysfile\tkernel\t" + sha256_hex(real) + "\t6000\treal.mb\n"),
+  EXPECT_EQ(read_all(s("sys/real.mb")), real);
+  EXPECT_NE(read_all(s("sys/VERZEICHNIS")).find("sysfile\tkernel\t" + sha256_hex(real) + "\t6000\treal.mb\n"),
             std::string::npos);
   std::filesystem::remove_all(s("sys"));
 
@@ -224,7 +224,7 @@ TEST_F(SystemTest, AKernelLimineOnUefiWouldNotStartIsRefusedAndAGoodOneIsTakenAs
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    put(s(c.name), c.image);
+    write_all(s(c.name), c.image);
     std::vector<std::string> before = names_in(s.path());
     words.back() = s(c.name);
     r = publish(words);
@@ -277,12 +277,12 @@ TEST_F(SystemTest, RepeatedSingleOptionIsAUsageError) {
 }
 
 TEST_F(SystemTest, NotesRootsAndKernelFiles) {
-  put(s("notes2000"), std::string(2000, 'n'));
-  put(s("notes2001"), std::string(2001, 'n'));
+  write_all(s("notes2000"), std::string(2000, 'n'));
+  write_all(s("notes2001"), std::string(2001, 'n'));
   ASSERT_EQ(system({"--notes", s("notes2000")}).status, 0);
   std::filesystem::remove_all(s("sys"));
   expect_refused({"--notes", s("notes2001")}, {"notes2001", "2001 bytes", "2000"});
-  put(s("empty"), "");
+  write_all(s("empty"), "");
   expect_refused({"--notes", s("empty")}, {"empty"});
   expect_refused({"--roots", s("empty")}, {"empty"});
   expect_refused({"--roots", s("nothing.pem")}, {"roots file", "nothing.pem"});
@@ -296,7 +296,7 @@ TEST_F(SystemTest, NotesRootsAndKernelFiles) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("kernel file \"" + s("empty") + "\" is empty"), std::string::npos) << r.err;
   std::string long_notes = std::string(120, 'n');
-  put(s(long_notes), "notes\n");
+  write_all(s(long_notes), "notes\n");
   expect_refused({"--notes", s(long_notes)}, {"notes file name", "120 characters; a device keeps at most 119"});
   expect_refused({"--roots", s(long_notes)}, {"roots file name", "120 characters; a device keeps at most 119"});
   expect_refused({"--min-from", "2024-01"}, {"min_from \"2024-01\" is not a decimal number"});
@@ -344,7 +344,7 @@ TEST_F(SystemTest, OverlayTargetsFollowTheDeviceRules) {
   expect_refused({"--file", "x=" + f, "--file", "x=" + s("taskbar")}, {"\"x\" is given twice"});
   // The download name of an overlay file is limited like the kernel's.
   std::string long_name = std::string(120, 'd');
-  put(s(long_name), "x");
+  write_all(s(long_name), "x");
   expect_refused({"--file", "x=" + s(long_name)}, {"download name of x", "at most 119"});
 
   // Accepted forms: a bare name and each allowed absolute prefix, at their longest.
@@ -419,7 +419,7 @@ TEST_F(SystemTest, OverlayJournalMustStayWithin7900BytesAsTheDeviceCountsIt) {
 
 TEST_F(SystemTest, SameDownloadNameWithDifferentContentsIsRefused) {
   std::filesystem::create_directories(s("other"));
-  put(s("other/hosts.conf"), "different\n");
+  write_all(s("other/hosts.conf"), "different\n");
   expect_refused({"--file", "/etc/a=" + s("hosts.conf"), "--file", "/etc/b=" + s("other/hosts.conf")},
                  {"\"hosts.conf\"", "different contents"});
   // The same file for two targets is published once.

@@ -173,7 +173,7 @@ std::string point_key(const std::string& point) {
 std::map<std::string, std::string> tree(const std::string& dir) {
   std::map<std::string, std::string> out;
   for (const auto& e : std::filesystem::recursive_directory_iterator(dir)) {
-    out[e.path().string()] = e.is_regular_file() ? get(e.path().string()) : "<dir>";
+    out[e.path().string()] = e.is_regular_file() ? read_all(e.path().string()) : "<dir>";
   }
   return out;
 }
@@ -200,8 +200,8 @@ class TokenTest : public ::testing::Test {
                                          << " and softhsm2-util) is missing; run scripts/setup.sh";
     tokens_.emplace(store_.path());
     ASSERT_TRUE(tokens_->init("ota"));
-    put(work_("file.txt"), "any file of a source\n");
-    put(work_("editor.tpk"), std::string(3000, 'e') + "editor package\n");
+    write_all(work_("file.txt"), "any file of a source\n");
+    write_all(work_("editor.tpk"), std::string(3000, 'e') + "editor package\n");
     // A kernel the boot loader would start: the publisher refuses any other.
     ASSERT_EQ(publish({"kernel", "--build", "20250110", "--commit", "a1b2c3d4e5", "--out", work_("kernel")}).status, 0);
   }
@@ -268,9 +268,9 @@ TEST_F(TokenKeygen, MakesThePairInsideTheTokenAndWritesOnlyThePublicKey) {
   Outcome r = publish({"keygen", "--key", SoftTokens::key("ota", "release"), "--out", out("release")});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(names_in(out.path()), (std::vector<std::string>{"release.pub"}));
-  std::string pub = get(out("release.pub"));
+  std::string pub = read_all(out("release.pub"));
   ASSERT_EQ(pub.size(), 32u);
-  EXPECT_NE(r.out.find("ota-publish: public key " + hex(pub) + "\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("ota-publish: public key " + to_hex(pub) + "\n"), std::string::npos) << r.out;
 
   Inspector token("ota");
   ASSERT_EQ(token.error(), "");
@@ -303,10 +303,10 @@ TEST_F(TokenKeygen, TheUriIdBecomesTheIdOfThePair) {
     EXPECT_EQ(o.id, std::string("\x0a\xff", 2));
   }
   // The same key is found again by its id alone, and by its label alone.
-  put(out("m"), "message");
+  write_all(out("m"), "message");
   Outcome r = publish({"sign", "--key", SoftTokens::uri("token=ota;id=%0A%ff"), out("m")});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(verifies(get(out("k.pub")), "message", get(out("m.sig"))));
+  EXPECT_TRUE(verifies(read_all(out("k.pub")), "message", read_all(out("m.sig"))));
   r = publish({"sign", "--force", "--key", SoftTokens::uri("object=signing%20key"), out("m")});
   ASSERT_EQ(r.status, 0) << r.err;
 }
@@ -344,7 +344,7 @@ TEST_F(TokenKeygen, APairWhosePublicKeyCannotBeWrittenIsRemovedFromTheToken) {
 }
 
 TEST_F(TokenKeygen, AnExistingPublicKeyFileStopsItBeforeTheTokenIsTouched) {
-  put(work_("taken.pub"), std::string(32, 'x'));
+  write_all(work_("taken.pub"), std::string(32, 'x'));
   expect_refused({"keygen", "--key", SoftTokens::key("ota", "release"), "--out", work_("taken")},
                  "public key \"" + work_("taken.pub") + "\" already exists");
   expect_refused({"keygen", "--key", SoftTokens::uri("token=ota"), "--out", work_("nolabel")},
@@ -358,20 +358,20 @@ TEST_F(TokenKeygen, AnExistingPublicKeyFileStopsItBeforeTheTokenIsTouched) {
 }
 
 TEST_F(TokenSigning, SignWritesTheSixtyFourByteSignatureOfAnyFile) {
-  std::string pub = get(token_keygen("ota", "release"));
+  std::string pub = read_all(token_keygen("ota", "release"));
   Outcome r = publish({"sign", "--key", SoftTokens::key("ota", "release"), work_("file.txt"), work_("editor.tpk")});
   ASSERT_EQ(r.status, 0) << r.err;
   for (const char* name : {"file.txt", "editor.tpk"}) {
-    std::string sig = get(work_(std::string(name) + ".sig"));
+    std::string sig = read_all(work_(std::string(name) + ".sig"));
     ASSERT_EQ(sig.size(), 64u);
-    EXPECT_TRUE(verifies(pub, get(work_(name)), sig)) << name;
+    EXPECT_TRUE(verifies(pub, read_all(work_(name)), sig)) << name;
   }
-  EXPECT_NE(r.out.find("ota-publish: 2 signature(s) by " + hex(pub) + "\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("ota-publish: 2 signature(s) by " + to_hex(pub) + "\n"), std::string::npos) << r.out;
 }
 
 TEST_F(TokenSigning, ThePinComesFromTheUriAFileOrTheEnvironment) {
-  std::string pub = get(token_keygen("ota", "release"));
-  put(work_("pin"), "1234\n");
+  std::string pub = read_all(token_keygen("ota", "release"));
+  write_all(work_("pin"), "1234\n");
   std::vector<std::string> uris = {
       SoftTokens::uri("token=ota;object=release", "pin-source=file:" + work_("pin")),
       SoftTokens::uri("token=ota;object=release", "pin-source=file://" + work_("pin")),
@@ -380,7 +380,7 @@ TEST_F(TokenSigning, ThePinComesFromTheUriAFileOrTheEnvironment) {
   for (const std::string& uri : uris) {
     Outcome r = publish({"sign", "--force", "--key", uri, work_("file.txt")});
     EXPECT_EQ(r.status, 0) << uri << "\n" << r.err;
-    EXPECT_TRUE(verifies(pub, get(work_("file.txt")), get(work_("file.txt.sig")))) << uri;
+    EXPECT_TRUE(verifies(pub, read_all(work_("file.txt")), read_all(work_("file.txt.sig")))) << uri;
   }
   setenv("OTA_PKCS11_PIN", "1234", 1);
   Outcome r = publish({"sign", "--force", "--key", SoftTokens::uri("token=ota;object=release", ""), work_("file.txt")});
@@ -390,13 +390,13 @@ TEST_F(TokenSigning, ThePinComesFromTheUriAFileOrTheEnvironment) {
 
 TEST_F(TokenSigning, APackageSourceSignedThroughTheTokenIsAccepted) {
   std::string pub_path = token_keygen("ota", "release");
-  std::string pub = get(pub_path);
+  std::string pub = read_all(pub_path);
   Outcome r = publish(catalog(SoftTokens::key("ota", "release"), "pakete"));
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("signed by " + hex(pub)), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("signed by " + to_hex(pub)), std::string::npos) << r.out;
   for (const char* name : {"VERZEICHNIS", "INDEX", "editor.tpk"}) {
     std::string file = work_("pakete/") + name;
-    EXPECT_TRUE(verifies(pub, get(file), get(file + ".sig"))) << name;
+    EXPECT_TRUE(verifies(pub, read_all(file), read_all(file + ".sig"))) << name;
   }
   r = publish({"check", work_("pakete"), "--trusted", pub_path});
   EXPECT_EQ(r.status, 0) << r.out << r.err;
@@ -405,7 +405,7 @@ TEST_F(TokenSigning, APackageSourceSignedThroughTheTokenIsAccepted) {
   ASSERT_EQ(publish(catalog(SoftTokens::key("ota", "release"), "again")).status, 0);
   EXPECT_EQ(tree(work_("again")).size(), tree(work_("pakete")).size());
   for (const std::string& name : names_in(work_("pakete"))) {
-    EXPECT_EQ(get(work_("again/" + name)), get(work_("pakete/" + name))) << name;
+    EXPECT_EQ(read_all(work_("again/" + name)), read_all(work_("pakete/" + name))) << name;
   }
 }
 
@@ -413,7 +413,7 @@ TEST_F(TokenSigning, ASystemSourceSignedThroughTheTokenIsAccepted) {
   std::string pub_path = token_keygen("ota", "release");
   Outcome r = publish(system(SoftTokens::key("ota", "release"), "system"));
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(verifies(get(pub_path), get(work_("system/VERZEICHNIS")), get(work_("system/VERZEICHNIS.sig"))));
+  EXPECT_TRUE(verifies(read_all(pub_path), read_all(work_("system/VERZEICHNIS")), read_all(work_("system/VERZEICHNIS.sig"))));
   r = publish({"check", work_("system"), "--trusted", pub_path, "--system"});
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("check: ACCEPTED"), std::string::npos);
@@ -423,14 +423,14 @@ TEST_F(TokenSigning, AKeyChangeSignedByOneTokenForAKeyInAnother) {
   ASSERT_TRUE(tokens_->init("ota-2026"));
   std::string old_pub = token_keygen("ota", "release");
   std::string new_pub = token_keygen("ota-2026", "release");
-  ASSERT_NE(get(old_pub), get(new_pub));
+  ASSERT_NE(read_all(old_pub), read_all(new_pub));
   Outcome r = publish({"chain", "--signer", SoftTokens::key("ota", "release"), "--new", new_pub, "--generation", "1",
                        "--out", work_("kette-1")});
   ASSERT_EQ(r.status, 0) << r.err;
-  std::vector<std::string> fields = fields_of(lines_of(get(work_("kette-1"))).at(0));
+  std::vector<std::string> fields = fields_of(lines_of(read_all(work_("kette-1"))).at(0));
   ASSERT_EQ(fields.size(), 4u);
-  EXPECT_EQ(fields[2], hex(get(new_pub)));
-  EXPECT_TRUE(verifies(get(old_pub), "tavi-schluessel\t1\t" + fields[2], unhex(fields[3])));
+  EXPECT_EQ(fields[2], to_hex(read_all(new_pub)));
+  EXPECT_TRUE(verifies(read_all(old_pub), "tavi-schluessel\t1\t" + fields[2], unhex(fields[3])));
 
   std::vector<std::string> words = catalog(SoftTokens::key("ota-2026", "release"), "pakete");
   words.insert(words.end(), {"--chain", work_("kette-1")});
@@ -469,7 +469,7 @@ TEST_F(TokenSigning, AnEd25519KeyImportedIntoTheTokenSignsAsItsFileDid) {
   ASSERT_EQ(publish(catalog(work_.key("k0"), "from-file")).status, 0);
   ASSERT_EQ(publish(catalog(SoftTokens::key("ota", "imported"), "from-token")).status, 0);
   for (const std::string& name : names_in(work_("from-file"))) {
-    EXPECT_EQ(get(work_("from-token/" + name)), get(work_("from-file/" + name))) << name;
+    EXPECT_EQ(read_all(work_("from-token/" + name)), read_all(work_("from-file/" + name))) << name;
   }
 }
 
@@ -523,8 +523,8 @@ TEST_F(TokenRefusals, AMissingObject) {
 
 TEST_F(TokenRefusals, AKeyOfAnotherType) {
   // An ECDSA P-256 key and an RSA key, put into the token the way an operator would.
-  put(store_("ec.pem"), pem_of(EVP_EC_gen("P-256")));
-  put(store_("rsa.pem"), pem_of(EVP_RSA_gen(2048)));
+  write_all(store_("ec.pem"), pem_of(EVP_EC_gen("P-256")));
+  write_all(store_("rsa.pem"), pem_of(EVP_RSA_gen(2048)));
   ASSERT_TRUE(tokens_->import("ota", store_("ec.pem"), "ec", "0a"));
   ASSERT_TRUE(tokens_->import("ota", store_("rsa.pem"), "rsa", "0b"));
   for (const auto& words : every_use_of(SoftTokens::key("ota", "ec"))) {
@@ -560,11 +560,11 @@ TEST_F(TokenRefusals, AModuleThatCannotBeLoaded) {
 
 TEST_F(TokenUri, AttributesPickTheTokenAndTheKey) {
   ASSERT_TRUE(tokens_->init("second token"));
-  std::string first = get(token_keygen("ota", "release"));
+  std::string first = read_all(token_keygen("ota", "release"));
   Outcome made = publish(
       {"keygen", "--key", SoftTokens::uri("token=second%20token;object=release;id=%42"), "--out", work_("second")});
   ASSERT_EQ(made.status, 0) << made.err;
-  std::string second = get(work_("second.pub"));
+  std::string second = read_all(work_("second.pub"));
   TokenInfo info;
   {
     Inspector token("ota");
@@ -593,7 +593,7 @@ TEST_F(TokenUri, AttributesPickTheTokenAndTheKey) {
     std::string uri = SoftTokens::uri(c.path);
     Outcome r = publish({"sign", "--force", "--key", uri, work_("file.txt")});
     ASSERT_EQ(r.status, 0) << uri << "\n" << r.err;
-    EXPECT_TRUE(verifies(c.key, get(work_("file.txt")), get(work_("file.txt.sig")))) << uri;
+    EXPECT_TRUE(verifies(c.key, read_all(work_("file.txt")), read_all(work_("file.txt.sig")))) << uri;
   }
   // The scheme is not case-sensitive.
   std::string upper = SoftTokens::uri("token=ota;object=release");

@@ -343,10 +343,9 @@ void write_firmware_state(const std::string& device_dir, const FirmwareState& s)
 
 BootResult Kernel::boot(const BootOptions& options) {
   // Whatever ran before is gone, and nothing stays mounted over a restart.
-  if (!tracees_.empty()) stop_machine(Stop::power);
+  if (!processes_.empty()) stop_machine(Stop::power);
   unmount_all(true);
-  st_.boot_ns = st_.clock_ns;
-  st_.killed_slots.clear();
+  st_.restarted();
   st_.healthy = false;
   BootResult b;
   BootSelection selection;
@@ -433,7 +432,7 @@ BootResult Kernel::boot(const BootOptions& options) {
   // itself. Past the allowed number it falls back to entry 1, and makes that lasting: it
   // sets the menu's default to entry 1 on the ESP, so a trial that ends without the
   // counter (confirmed, rolled back, removed) cannot lead back to the entry that failed.
-  auto record = fs_->read(kTrialRecord);
+  auto record = fs_.read(kTrialRecord);
   if (record && record->size() == kTrialRecordBytes && (*record)[kOkDigit] == '0') {
     int v = 0;
     for (size_t i = kStartCountDigits; i < kStartCountDigits + 2; i++)
@@ -441,7 +440,7 @@ BootResult Kernel::boot(const BootOptions& options) {
     v = std::min(v + 1, 99);
     (*record)[kStartCountDigits] = static_cast<char>('0' + v / 10);
     (*record)[kStartCountDigits + 1] = static_cast<char>('0' + v % 10);
-    fs_->write(kTrialRecord, *record);
+    fs_.write(kTrialRecord, *record);
     b.trial_starts = v;
     if (v > cfg_.boot_tries && m.entry != 1) {
       b.fallback = true;
@@ -477,8 +476,8 @@ BootResult Kernel::boot(const BootOptions& options) {
     }
   }
 
-  fs_->make_dirs("/proc");
-  fs_->write("/proc/version", "tavi " + b.kernel.build + " build " + b.kernel.commit + " (tavi-sim stand-in kernel)\n");
+  fs_.make_dirs("/proc");
+  fs_.write("/proc/version", "tavi " + b.kernel.build + " build " + b.kernel.commit + " (tavi-sim stand-in kernel)\n");
   st_.healthy = b.kernel.healthy;
   b.booted = true;
   if (b.trial_starts >= 0) fields.push_back("starts=" + std::to_string(b.trial_starts));

@@ -22,8 +22,6 @@ class FatMount {
   void resume(const std::string& image, const std::string& dir);
   // Makes the image equal to the directory. False (with the reason) when mtools refused.
   bool write_back(std::string* error);
-  const std::string& image() const { return image_; }
-  const std::string& dir() const { return dir_; }
 
  private:
   struct FileState {

@@ -14,10 +14,8 @@
 namespace tavisim::fleet {
 
 // ---------------------------------------------------------------------------------------
-// Random draws. Every draw of a device comes from generators seeded with the run's seed
-// and the device's index, so a device lives the same life whatever else runs beside it.
-
-uint64_t mix64(uint64_t a, uint64_t b);
+// Random draws. Every draw of a device comes from generators seeded (mix64) with the run's
+// seed and the device's index, so a device lives the same life whatever else runs beside it.
 
 class Draws {
  public:
@@ -168,10 +166,28 @@ struct LifeContext {
 };
 
 DeviceReport live_device(const LifeContext& c, uint64_t index);
+
+// What a device said that explains why it is not on the release: the last refusal (the
+// device saying no to the release), the last thing left to a person (a system trial rolled
+// back) and the last trouble of the link, each with the reason's name and the device's own
+// words.
+struct Heard {
+  struct Saying {
+    std::string reason;
+    std::string words;
+  };
+  Saying refusal, person, trouble;
+  uint64_t rollbacks = 0;  // system trials the device rolled back
+
+  void listen(const std::string& output);
+};
 CallCounts calibrate(const FleetParams& p, const Release& r, const Mix& m, const std::string& work_dir);
 
 // ---------------------------------------------------------------------------------------
 // The files of a run.
+
+// A device's index as its name and directory show it: six digits.
+std::string six_digits(uint64_t v);
 
 constexpr const char* kOutcomes[] = {"updated", "current", "refused", "in-trial", "needs-person",
                                      "behind",  "outside", "cannot-boot", "error"};

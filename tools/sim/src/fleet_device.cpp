@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "fleet.h"
 #include "host.h"
@@ -42,18 +41,6 @@ constexpr uint64_t kMinimumEspKiB = 4096;
 const char* kMenu =
     "timeout: 5\ndefault_entry: 1\n\n/tavi\n    protocol: multiboot1\n    path: boot():/tavi.mb\n"
     "    cmdline: tavi\n";
-
-std::string eight_digits(uint64_t v) {
-  char buf[16];
-  snprintf(buf, sizeof buf, "%08llu", static_cast<unsigned long long>(v % 100000000));
-  return buf;
-}
-
-std::string six_digits(uint64_t v) {
-  char buf[24];
-  snprintf(buf, sizeof buf, "%06llu", static_cast<unsigned long long>(v));
-  return buf;
-}
 
 // A number file as the device reads it: eight digits, else 0.
 uint64_t number_file(const Device& d, const char* path) {
@@ -120,44 +107,6 @@ std::string made_up_commit(uint64_t build) { return sha256_hex("tavi build " + s
 
 std::string package_url(int port) { return "http://127.0.0.1:" + std::to_string(port) + "/aktuell"; }
 std::string system_url(int port) { return "http://127.0.0.1:" + std::to_string(port) + "/system/stable"; }
-
-// What a device said that explains why it is not on the release: a refusal is the device
-// saying no to the release; a trial that was rolled back leaves the next step to a person;
-// the others pass when the link holds.
-enum class Kind { refusal, person, trouble };
-struct Saying {
-  const char* prefix;
-  const char* reason;
-  Kind kind;
-};
-constexpr Saying kSayings[] = {
-    {"ota: ROLLBACK REFUSED", "rollback-refused", Kind::refusal},
-    {"ota: VERSION BLOCKED", "version-blocked", Kind::refusal},
-    {"ota: SIGNATURE OF THE VERZEICHNIS WRONG", "signature-wrong", Kind::refusal},
-    {"ota: KEY CHANGE: the chain is BROKEN", "key-chain-broken", Kind::refusal},
-    {"ota: NO SIGNATURE for the VERZEICHNIS", "no-signature", Kind::refusal},
-    {"ota: this is not a VERZEICHNIS", "not-a-catalog", Kind::refusal},
-    {"ota: no trusted key", "no-trusted-key", Kind::refusal},
-    {"ota: NOT ENOUGH SPACE", "no-space", Kind::refusal},
-    {"ota: not enough free space for the overlay files", "no-space", Kind::refusal},
-    {"ota: HASH MISMATCH", "hash-mismatch", Kind::refusal},
-    {"ota: NO PACKAGE for this platform", "no-package", Kind::refusal},
-    {"ota: the VERZEICHNIS names no package", "no-package", Kind::refusal},
-    {"ota: tpk did not install", "installer-failed", Kind::refusal},
-    {"ota: this system is too old for an incremental update", "system-too-old", Kind::refusal},
-    {"ota: this source offers no system update", "no-system-line", Kind::refusal},
-    {"ota: system manifest has no kernel entry", "no-kernel-entry", Kind::refusal},
-    {"ota: cannot mount the ESP", "esp-unusable", Kind::refusal},
-    {"ota: overlay install failed", "overlay-failed", Kind::refusal},
-    {"ota: bad overlay entry", "overlay-failed", Kind::refusal},
-    {"ota: unpacked file has the wrong size or hash", "overlay-failed", Kind::refusal},
-    {"ota: gunzip failed", "overlay-failed", Kind::refusal},
-    {"system: trial kernel was rolled back", "system-rolled-back", Kind::person},
-    {"ota: cannot fetch: ", "unreachable", Kind::trouble},
-    {"ota: wrong length, REJECTED", "download-incomplete", Kind::trouble},
-    {"ota: kernel download or check failed", "download-incomplete", Kind::trouble},
-    {"ota: overlay file download or check failed", "download-incomplete", Kind::trouble},
-};
 
 // Calibration and fleet devices are made the same way.
 class Life {
@@ -358,8 +307,8 @@ class Life {
     if (!r.error.empty()) throw SimError(r.error);
     for (auto& e : r.events)
       if (e.kind == "fault" && e.fields.size() > 2 && e.fields[0] == "fetch" && e.fields[2] == "drop") rep.drops++;
-    listen(r.out);
-    listen(r.err);
+    heard_.listen(r.out);
+    heard_.listen(r.err);
     if (r.cut) {
       rep.cuts++;
       powered_off_ = true;
@@ -367,28 +316,6 @@ class Life {
     }
     typical_calls = std::max<uint64_t>(1, r.calls.size());
     return true;
-  }
-
-  void listen(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t i = 0;
-    while (i < text.size()) {
-      size_t n = text.find('\n', i);
-      lines.push_back(text.substr(i, n == std::string::npos ? std::string::npos : n - i));
-      i = n == std::string::npos ? text.size() : n + 1;
-    }
-    for (size_t k = 0; k < lines.size(); k++) {
-      for (auto& s : kSayings) {
-        if (lines[k].compare(0, strlen(s.prefix), s.prefix) != 0) continue;
-        // A message goes on in lines that begin with five blanks.
-        std::string said = trim(lines[k]);
-        while (k + 1 < lines.size() && lines[k + 1].compare(0, 5, "     ") == 0) said += " " + trim(lines[++k]);
-        if (s.kind == Kind::person) rollbacks_++;
-        auto& slot = s.kind == Kind::refusal ? refusal_ : s.kind == Kind::person ? person_ : trouble_;
-        slot = {s.reason, said};
-        break;
-      }
-    }
   }
 
   void start_machine(Device& d, DeviceReport& rep) {
@@ -453,7 +380,7 @@ class Life {
   }
 
   void finish(Device& d, DeviceReport& rep) {
-    rep.rollbacks = rollbacks_;
+    rep.rollbacks = heard_.rollbacks;
     rep.end_version = number_file(d, "/system/FASSUNG");
     rep.end_keygen = number_file(d, "/system/SCHLUESSELGEN");
     rep.end_build = number_file(d, "/system/SYSVERSION");
@@ -476,12 +403,12 @@ class Life {
       return outcome("in-trial", rep.end_trial == "open" ? "package-trial-open" : "system-trial-pending");
     }
     if (automatic_off_) return outcome("needs-person", "automatic-search-off", "ota: automatic search is OFF");
-    if (!refusal_.first.empty()) return outcome("refused", refusal_.first, refusal_.second);
-    if (rel_.has_system && rep.end_build != rel_.build && !person_.first.empty())
-      return outcome("needs-person", person_.first, person_.second);
+    if (!heard_.refusal.reason.empty()) return outcome("refused", heard_.refusal.reason, heard_.refusal.words);
+    if (rel_.has_system && rep.end_build != rel_.build && !heard_.person.reason.empty())
+      return outcome("needs-person", heard_.person.reason, heard_.person.words);
     if (rel_.has_system && rep.end_build != rel_.build && system_announced(d))
       return outcome("needs-person", "system-update-not-applied", "the owner did not apply the announced system update");
-    if (!trouble_.first.empty()) return outcome("behind", trouble_.first, trouble_.second);
+    if (!heard_.trouble.reason.empty()) return outcome("behind", heard_.trouble.reason, heard_.trouble.words);
     return outcome("behind", "not-reached", "no pass reached the release within the rounds");
   }
 
@@ -529,9 +456,8 @@ class Life {
   bool automatic_off_ = false;
   std::string stuck_;
   int streak_ = 0;
-  uint64_t rollbacks_ = 0;
   int64_t next_system_ms_ = INT64_MAX;
-  std::pair<std::string, std::string> refusal_, person_, trouble_;  // reason and the device's words
+  Heard heard_;
 };
 
 }  // namespace

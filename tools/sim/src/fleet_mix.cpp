@@ -10,13 +10,6 @@
 
 namespace tavisim::fleet {
 
-uint64_t mix64(uint64_t a, uint64_t b) {
-  uint64_t z = a + 0x9e3779b97f4a7c15ull * (b + 1);
-  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
-  z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-  return z ^ (z >> 31);
-}
-
 Draws::Draws(uint64_t seed, uint64_t index, uint64_t stream) : state_(mix64(mix64(seed, index), stream)) {}
 
 uint64_t Draws::next() {

@@ -16,6 +16,12 @@
 
 namespace tavisim::fleet {
 
+std::string six_digits(uint64_t v) {
+  char buf[24];
+  snprintf(buf, sizeof buf, "%06llu", static_cast<unsigned long long>(v));
+  return buf;
+}
+
 namespace {
 
 std::vector<std::string> tab_fields(const std::string& line) {
@@ -45,12 +51,6 @@ uint64_t number(const std::string& s) {
 
 std::string dash(const std::string& s) { return s.empty() ? "-" : s; }
 std::string undash(const std::string& s) { return s == "-" ? "" : s; }
-
-std::string six_digits(uint64_t v) {
-  char buf[24];
-  snprintf(buf, sizeof buf, "%06llu", static_cast<unsigned long long>(v));
-  return buf;
-}
 
 std::string percent(uint64_t part, uint64_t whole) {
   char buf[32];

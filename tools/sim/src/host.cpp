@@ -191,6 +191,19 @@ std::string sha256_hex(std::string_view data) {
   return s;
 }
 
+uint64_t mix64(uint64_t a, uint64_t b) {
+  uint64_t z = a + 0x9e3779b97f4a7c15ull * (b + 1);
+  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
+  z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
+  return z ^ (z >> 31);
+}
+
+std::string eight_digits(uint64_t v) {
+  char buf[16];
+  snprintf(buf, sizeof buf, "%08llu", static_cast<unsigned long long>(v % 100000000));
+  return buf;
+}
+
 pid_t start_tool(const ToolRun& run, int* out_pipe, int* err_pipe) {
   std::vector<std::string> env_store;
   for (char** e = environ; e && *e; e++) env_store.emplace_back(*e);
@@ -295,15 +308,6 @@ int run_tool(const ToolRun& run) {
   }
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   return -1;
-}
-
-std::string shell_quote(std::string_view word) {
-  std::string r = "'";
-  for (char c : word) {
-    if (c == '\'') r += "'\\''";
-    else r += c;
-  }
-  return r + "'";
 }
 
 std::string escape_field(std::string_view s) {

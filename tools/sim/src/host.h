@@ -39,6 +39,12 @@ TreeListing list_tree(const std::string& base, const std::vector<std::string>& s
 uint64_t tree_bytes(const std::string& base);
 
 std::string sha256_hex(std::string_view data);
+// splitmix64's mixing of a and the b-th step: the n-th draw of a generator seeded with a is
+// mix64(a, n), the same on every host whatever else the simulator does.
+uint64_t mix64(uint64_t a, uint64_t b);
+// A number as the device's number files hold it: eight zero-padded digits (the lowest eight
+// of a larger one).
+std::string eight_digits(uint64_t v);
 // Whether sig (64 bytes) is an Ed25519 signature of message under key (32 bytes), by
 // libcrypto.
 bool ed25519_verifies(std::string_view key, std::string_view message, std::string_view sig);
@@ -59,8 +65,6 @@ struct ToolRun {
 int run_tool(const ToolRun& run);
 // Starts a helper without waiting; the caller waits for the returned pid.
 pid_t start_tool(const ToolRun& run, int* out_pipe, int* err_pipe);
-
-std::string shell_quote(std::string_view word);
 
 // Text escape used in events.log fields: backslash, TAB, LF and CR become \\, \t, \n, \r.
 std::string escape_field(std::string_view s);

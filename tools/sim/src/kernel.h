@@ -4,6 +4,12 @@
 // answer, and answers those: the tavi calls, sleeps on a virtual clock, the ESP mount,
 // tavi's rename, file modes, restart, and injected faults. Everything else runs as
 // Linux runs it.
+//
+// The kernel composes its parts: the tracer (ptrace), the mount table, the copy a power cut
+// goes back to, the task table, the event log and the saved state. What is left here is
+// what ties them together: commands and their processes, the virtual clock and its
+// sleepers, the calls' meaning (calls.cpp), the outside programs (models.cpp) and the start
+// of the machine (boot.cpp).
 
 #include <sys/types.h>
 #include <sys/user.h>
@@ -20,41 +26,24 @@
 #include <string>
 #include <vector>
 
-#include "device_limits.h"
-#include "esp_mount.h"
+#include "event_log.h"
+#include "kernel_state.h"
+#include "mount_table.h"
 #include "rootfs.h"
+#include "synced_copy.h"
+#include "task_table.h"
 #include "tavisim/boot.h"
 #include "tavisim/config.h"
 #include "tavisim/device.h"
 #include "tavisim/events.h"
+#include "tracer.h"
 
 namespace tavisim {
 
-// Process ids the kernel hands out for started outside programs and uses for configured
-// tasks lie above Linux's largest possible pid (4194304), so they never meet a real one.
-constexpr int64_t kSpawnIdBase = 6000000;
-// The kernel has as many task slots as the device program walks.
-constexpr int kTaskSlots = static_cast<int>(ota::kTaskSlots);
-
-struct KernelState {
-  int64_t clock_ns = 0;  // virtual time since the configured clock start
-  int64_t boot_ns = 0;   // virtual time of the last start of the machine
-  int64_t grow_steps_done = 0;
-  bool grow_finished = false;
-  std::set<int> killed_slots;  // configured tasks ended through end_task since the start
-  std::map<std::string, int64_t> counters;
-  std::map<std::string, std::string> mounts;  // target -> device
-  int64_t next_spawn_id = kSpawnIdBase;
-  bool healthy = true;  // the running kernel image starts the desktop tasks
-};
-
-KernelState parse_kernel_state(const std::string& text, const std::string& origin);
-std::string format_kernel_state(const KernelState& s);
-
-class Kernel {
+class Kernel : private TraceEvents {
  public:
   explicit Kernel(const std::string& dir);
-  ~Kernel();
+  ~Kernel() override;
   Kernel(const Kernel&) = delete;
   Kernel& operator=(const Kernel&) = delete;
 
@@ -74,30 +63,24 @@ class Kernel {
 
   int64_t clock_ns() const { return st_.clock_ns; }
   void advance_clock(int64_t ns);
-  bool mounted(const std::string& target) const { return mounts_.count(target) != 0; }
+  bool mounted(const std::string& target) const { return mounts_.mounted(target); }
   void reset_counters();
   void save_state();
 
  private:
   enum class Wait { none, sleep, hold };
-  struct Tracee {
+  // What the kernel knows of a traced process (the tracer keeps the ptrace side).
+  struct Process {
     pid_t pid = 0;
     int command = -1;
-    bool main = false;
-    bool started = false;
-    bool exec_seen = false;
+    bool main = false;  // the command's first process
     Wait wait = Wait::none;
     int64_t wake_ns = 0;
-    user_regs_struct regs{};
-    // An argument register rewritten for the call, to be put back when the call returns
-    // (the kernel keeps argument registers, and the program may rely on that).
-    int restore_reg = -1;
-    unsigned long long restore_value = 0;
-    uint64_t calls = 0;
+    user_regs_struct regs{};  // the call it waits in, answered when the wait ends
+    uint64_t calls = 0;       // its calls since its program started, as a cut counts them
     int slot = -1;
     std::vector<std::string> hold_words;
     std::string hold_name;
-    int64_t peak_rss_kib = 0;  // VmHWM when the process was about to exit
   };
   struct Command {
     int id = 0;
@@ -114,15 +97,10 @@ class Kernel {
     std::optional<Cut> cut;
     bool trace_calls = false;
   };
-  struct Mount {
-    std::string device;
-    FatMount fat;
-    std::string shadow;  // where the mount point's own content waits while mounted
-  };
   enum class Stop { none, reboot, cut, limit_wall, limit_virtual, power };
   enum class Served { done, idle, wall, stopped };
 
-  // Serving.
+  // Serving (kernel.cpp).
   // At the virtual deadline the machine is stopped (a limit), or with keep_running the
   // serving just ends there.
   Served serve(const std::function<bool()>& done, std::optional<std::chrono::steady_clock::time_point> wall,
@@ -130,87 +108,69 @@ class Kernel {
   void pump();
   void drain_pipes();
   bool advance_sleepers(int64_t virtual_deadline, bool* hit_limit, bool* busy);
-  void handle_status(pid_t pid, int status);
-  void on_exit(Tracee& t, int status);
-  void on_fork(Tracee& parent);
-  void on_exec(Tracee& t);
-  void on_syscall(Tracee& t);
-  void resume(Tracee& t, int signal = 0);
-  void finish(Tracee& t, int64_t result);  // skips the call, result in rax
-  void finish_with(Tracee& t, user_regs_struct& regs, int64_t result);
-  void allow_rewritten(Tracee& t, user_regs_struct& regs, int reg, unsigned long long original);
-  void on_syscall_exit(Tracee& t);
   void stop_machine(Stop why, Durability durability = Durability::all);
-  void reap_all();
-  void reap_one(pid_t pid);
-  Tracee* tracee(pid_t pid);
+  void write_back_mounts(const char* why);
+  void unmount_all(bool write_back);
+  Process* process(pid_t pid);
 
-  // Calls.
-  std::optional<int64_t> injected_fault(Tracee& t, const user_regs_struct& r);
-  void sys_nanosleep(Tracee& t, user_regs_struct& r);
-  void sys_wait4(Tracee& t, user_regs_struct& r);
-  void sys_spawn(Tracee& t, user_regs_struct& r);
+  // What the tracer reports (kernel.cpp, on_call in calls.cpp).
+  void on_new_process(pid_t pid, pid_t parent) override;
+  void on_fork(pid_t parent, pid_t child) override;
+  void on_program_start(pid_t pid) override;
+  void on_call(pid_t pid, user_regs_struct& regs) override;
+  void on_exit(pid_t pid, int status, bool program_started, int64_t peak_rss_kib) override;
+
+  // The calls (calls.cpp).
+  std::vector<sock_filter> call_filter(bool every_call) const;
+  void answer(Process& p, user_regs_struct& r, int64_t result) { tracer_.skip_call(p.pid, r, result); }
+  std::optional<int64_t> injected_fault(Process& p, const user_regs_struct& r);
+  void sys_nanosleep(Process& p, user_regs_struct& r);
+  void sys_wait4(Process& p, user_regs_struct& r);
+  void sys_spawn(Process& p, user_regs_struct& r);
   int64_t sys_system_info(uint64_t selector);
-  int64_t sys_task_info(uint64_t slot, uint64_t field);
-  int64_t sys_end_task(Tracee& t, uint64_t pid, uint64_t status);
+  int64_t sys_end_task(Process& p, uint64_t pid, uint64_t status);
   int64_t sys_fs_grow(pid_t caller, uint64_t op, uint64_t arg);
-  int64_t sys_notify(Tracee& t, const user_regs_struct& r);
-  int64_t sys_mount(Tracee& t, const user_regs_struct& r);
-  int64_t sys_umount(Tracee& t, const user_regs_struct& r);
+  int64_t sys_notify(Process& p, const user_regs_struct& r);
+  int64_t sys_mount(Process& p, const user_regs_struct& r);
+  int64_t sys_umount(Process& p, const user_regs_struct& r);
   void sys_sync();
-  int64_t sys_rename(Tracee& t, const user_regs_struct& r);
+  int64_t sys_rename(Process& p, const user_regs_struct& r);
+  void note_clock_change(int64_t from, int64_t to);
 
   // Outside programs (models.cpp).
-  int64_t start_program(Tracee& t, const std::string& path, const std::vector<std::string>& words);
-  int run_host_program(Tracee& t, const std::string& host, const std::vector<std::string>& words);
-  int model_fetch(Tracee& t, const std::vector<std::string>& words);
-  int model_tpk(Tracee& t, const std::vector<std::string>& words);
-  int model_sntp(Tracee& t, const std::vector<std::string>& words);
-  int model_rootsctl(Tracee& t, const std::vector<std::string>& words);
+  int64_t start_program(Process& p, const std::string& path, const std::vector<std::string>& words);
+  int run_host_program(Process& p, const std::string& host, const std::vector<std::string>& words);
+  int model_fetch(Process& p, const std::vector<std::string>& words);
+  int model_tpk(Process& p, const std::vector<std::string>& words);
+  int model_sntp();
+  int model_rootsctl(Process& p, const std::vector<std::string>& words);
   bool fetch_should_hold(const std::vector<std::string>& words, std::string* name);
   bool fault_applies(const std::string& key, int64_t times);
 
-  // Task table.
-  struct SlotView {
-    int64_t state = 0;
-    int64_t pid = 0;
-    std::string name;
-  };
-  SlotView slot_view(int slot) const;
-  int take_slot(pid_t pid);
-  void note_clock_change(int64_t from, int64_t to);
+  std::string device_path(const Process& p, const std::string& path) const {
+    return device_path_of(p.pid, root_, path);
+  }
+  void log(const std::string& kind, int64_t pid, std::vector<std::string> fields) {
+    events_.add(st_.clock_ns, kind, pid, std::move(fields));
+  }
 
-  // Memory of a traced process.
-  bool read_mem(pid_t pid, uint64_t addr, void* out, size_t n);
-  bool write_mem(pid_t pid, uint64_t addr, const void* data, size_t n);
-  std::optional<std::string> read_string(pid_t pid, uint64_t addr, size_t max = 4096);
-  std::string device_path_of(Tracee& t, const std::string& path);
-
-  // ESP and durability.
-  void write_back_mounts(const char* why);
-  void unmount_all(bool write_back);
-  void take_snapshot();
-  void restore_snapshot();
-
-  void log(const std::string& kind, int64_t pid, std::vector<std::string> fields);
-  void log_at(int64_t ns, const std::string& kind, int64_t pid, std::vector<std::string> fields);
-
+  // Declared in the order they are made: each part stands on those above it, and a device
+  // directory that is not one fails before anything is written into it.
   std::string dir_;
   std::string root_;
+  RootFs fs_;
   Config cfg_;
+  KernelStateFile state_file_;
   KernelState st_;
-  std::string saved_state_;  // the text last written to kernel.state
-  std::unique_ptr<RootFs> fs_;
-  int events_fd_ = -1;
-  int sigfd_ = -1;
-  std::vector<Event> events_;
-  std::map<pid_t, Tracee> tracees_;
+  EventLog events_;
+  Tracer tracer_;
+  TaskTable tasks_;
+  MountTable mounts_;
+  SyncedCopy synced_;
+  std::map<pid_t, Process> processes_;
   std::map<int, Command> commands_;
   int next_command_ = 1;
   std::map<int64_t, int> spawned_;  // spawn id -> wait status, until waited for
-  std::map<std::string, Mount> mounts_;
-  pid_t slot_owner_[kTaskSlots] = {};
-  bool snapshot_active_ = false;
   Stop stopping_ = Stop::none;
   std::optional<std::chrono::steady_clock::time_point> serve_wall_;
 };

@@ -24,6 +24,9 @@ constexpr int kExitWallLimit = 252;
 constexpr int kExitVirtualLimit = 253;
 constexpr int kExitSignal = 254;
 constexpr int kExitSimulator = 255;
+// Exit status of `tavi-sim boot` when the machine stands at the boot loader; 1 and 2 are
+// taken by a failing simulator and a wrong command line.
+constexpr int kExitAtBootLoader = 3;
 
 const char* kUsage =
     "usage: tavi-sim <command> [options]\n"
@@ -260,7 +263,7 @@ int cmd_boot(int argc, char** argv) {
     }
     if (!b.booted) {
       if (verbose) std::cerr << "tavi-sim boot: stands at the boot loader: " << b.stuck << "\n";
-      return 3;
+      return kExitAtBootLoader;
     }
     if (verbose) {
       std::cerr << "tavi-sim boot: " << b.disk << " entry " << b.entry << " " << b.kernel_path << " build "

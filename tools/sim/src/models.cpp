@@ -22,7 +22,6 @@ namespace {
 
 struct FetchArgs {
   std::string out;
-  std::string name;
   uint64_t offset = 0;
   bool resume = false;
   std::string url;
@@ -34,10 +33,13 @@ bool parse_fetch_words(const std::vector<std::string>& w, FetchArgs& a) {
     if (w[i] == "-o" || w[i] == "-n" || w[i] == "-b") {
       if (i + 1 >= w.size()) return false;
       const std::string& v = w[++i];
-      if (w[i - 1] == "-o") a.out = v;
-      else if (w[i - 1] == "-n") a.name = v;
-      else if (!parse_u64(v, a.offset)) return false;
-      else a.resume = true;
+      // -n names the download for a progress display, which the model does not show.
+      if (w[i - 1] == "-o") {
+        a.out = v;
+      } else if (w[i - 1] == "-b") {
+        if (!parse_u64(v, a.offset)) return false;
+        a.resume = true;
+      }
     } else if (a.url.empty()) {
       a.url = w[i];
     } else {
@@ -53,12 +55,6 @@ std::string fault_key(const FetchFault& f, size_t index) {
          std::to_string(f.times) + " #" + std::to_string(index);
 }
 
-std::string eight_digits(uint64_t v) {
-  char buf[16];
-  snprintf(buf, sizeof buf, "%08llu", static_cast<unsigned long long>(v % 100000000));
-  return buf;
-}
-
 // A number file of the device: the digits among its first eight bytes; short or missing: 0.
 uint64_t read_number(const RootFs& fs, const std::string& path) {
   auto text = fs.read(path);
@@ -69,8 +65,10 @@ uint64_t read_number(const RootFs& fs, const std::string& path) {
   return v;
 }
 
+// A line of the installer's INDEX: name, version, file and its SHA-256, which the model
+// does not check.
 struct IndexEntry {
-  std::string name, version, file, sha;
+  std::string name, version, file;
 };
 
 std::vector<IndexEntry> parse_index(const std::string& text) {
@@ -89,7 +87,7 @@ std::vector<IndexEntry> parse_index(const std::string& text) {
       if (t == std::string::npos) break;
       k = t + 1;
     }
-    if (f.size() >= 3 && !f[0].empty()) out.push_back({f[0], f[1], f[2], f.size() > 3 ? f[3] : ""});
+    if (f.size() >= 3 && !f[0].empty()) out.push_back({f[0], f[1], f[2]});
     i = n + 1;
   }
   return out;
@@ -114,15 +112,6 @@ std::string format_installed(const std::vector<std::pair<std::string, std::strin
   std::string s;
   for (auto& [n, v] : list) s += n + "\t" + v + "\n";
   return s;
-}
-
-// The n-th draw of a seeded generator (splitmix64 over seed and n): the same seed gives the
-// same draws on every host, whatever else the simulator does.
-uint64_t seeded_draw(uint64_t seed, uint64_t n) {
-  uint64_t z = seed + (n + 1) * 0x9e3779b97f4a7c15ull;
-  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
-  z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-  return z ^ (z >> 31);
 }
 
 constexpr const char* kTpkState = "/system/tpk";
@@ -180,7 +169,7 @@ bool Kernel::fetch_should_hold(const std::vector<std::string>& words, std::strin
   return false;
 }
 
-int64_t Kernel::start_program(Tracee& t, const std::string& path, const std::vector<std::string>& words) {
+int64_t Kernel::start_program(Process& t, const std::string& path, const std::vector<std::string>& words) {
   pid_t caller = t.pid;
   int status;  // as wait4 reports it
   auto o = cfg_.programs.find(path);
@@ -197,7 +186,7 @@ int64_t Kernel::start_program(Tracee& t, const std::string& path, const std::vec
   } else if (path == "/bin/tpk") {
     status = model_tpk(t, words) << 8;
   } else if (path == "/bin/sntp") {
-    status = model_sntp(t, words) << 8;
+    status = model_sntp() << 8;
   } else if (path == "/bin/rootsctl") {
     status = model_rootsctl(t, words) << 8;
   } else {
@@ -212,7 +201,7 @@ int64_t Kernel::start_program(Tracee& t, const std::string& path, const std::vec
   return id;
 }
 
-int Kernel::run_host_program(Tracee& t, const std::string& host, const std::vector<std::string>& words) {
+int Kernel::run_host_program(Process& t, const std::string& host, const std::vector<std::string>& words) {
   ToolRun run;
   run.file = host;
   run.argv = words;
@@ -240,12 +229,12 @@ int Kernel::run_host_program(Tracee& t, const std::string& host, const std::vect
     }
     // The program may write into a pipe the simulator reads: keep reading while it runs.
     drain_pipes();
-    pollfd p{sigfd_, POLLIN, 0};
+    pollfd p{tracer_.wakeup_fd(), POLLIN, 0};
     poll(&p, 1, 5);
   }
 }
 
-int Kernel::model_fetch(Tracee& t, const std::vector<std::string>& words) {
+int Kernel::model_fetch(Process& t, const std::vector<std::string>& words) {
   FetchArgs a;
   if (!parse_fetch_words(words, a)) return 2;
   std::string file = url_file_name(a.url);
@@ -308,8 +297,8 @@ int Kernel::model_fetch(Tracee& t, const std::vector<std::string>& words) {
   if (cfg_.fetch_drop_ppm > 0) {
     // Two draws per fetch: whether the link drops, and after how many of the bytes.
     int64_t& n = st_.counters["fetch-drop"];
-    uint64_t chance = seeded_draw(cfg_.fetch_drop_seed, static_cast<uint64_t>(n) * 2);
-    uint64_t point = seeded_draw(cfg_.fetch_drop_seed, static_cast<uint64_t>(n) * 2 + 1);
+    uint64_t chance = mix64(cfg_.fetch_drop_seed, static_cast<uint64_t>(n) * 2);
+    uint64_t point = mix64(cfg_.fetch_drop_seed, static_cast<uint64_t>(n) * 2 + 1);
     n++;
     if (chance % 1000000 < cfg_.fetch_drop_ppm) {
       piece.resize(static_cast<size_t>(point % (piece.size() + 1)));
@@ -317,18 +306,18 @@ int Kernel::model_fetch(Tracee& t, const std::vector<std::string>& words) {
       fault("drop", std::to_string(piece.size()));
     }
   }
-  if (!fs_->write(device_path_of(t, a.out), piece, a.resume)) return 1;
+  if (!fs_.write(device_path(t, a.out), piece, a.resume)) return 1;
   return stopped ? 1 : 0;
 }
 
-int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
+int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
   std::string verb = w.size() > 1 ? w[1] : "";
   auto configured_failure = [&](const std::string& use) {
     auto it = cfg_.tpk_fail.find(use);
     return it == cfg_.tpk_fail.end() ? 0 : it->second;
   };
-  auto installed = [&]() { return parse_installed(fs_->read(kTpkInstalled).value_or("")); };
-  fs_->make_dirs(kTpkState);
+  auto installed = [&]() { return parse_installed(fs_.read(kTpkInstalled).value_or("")); };
+  fs_.make_dirs(kTpkState);
 
   if (verb == "catalog") {
     if (int code = configured_failure("catalog")) return code;
@@ -336,11 +325,11 @@ int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
     if (!cfg_.tpk_catalog_file.empty()) {
       auto exact = read_host_file(cfg_.tpk_catalog_file);
       if (!exact) return 1;
-      return fs_->write(w[3], *exact) ? 0 : 1;
+      return fs_.write(w[3], *exact) ? 0 : 1;
     }
-    auto index = fs_->read(w[2] + "/INDEX");
+    auto index = fs_.read(w[2] + "/INDEX");
     if (!index) return 1;
-    if (cfg_.tpk_index_signed && !index_signed(*fs_, w[2], *index)) {
+    if (cfg_.tpk_index_signed && !index_signed(fs_, w[2], *index)) {
       log("tpk", t.pid, {"index-refused", w[2] + "/INDEX"});
       return kIndexNotSigned;
     }
@@ -351,7 +340,7 @@ int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
       for (auto& [n, v] : have) current = current || (n == e.name && v == e.version);
       out += e.name + "\t" + e.version + "\t" + (current ? "1" : "0") + "\n";
     }
-    return fs_->write(w[3], out) ? 0 : 1;
+    return fs_.write(w[3], out) ? 0 : 1;
   }
 
   if (verb == "update") {
@@ -362,9 +351,9 @@ int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
     std::string source = "/tmp/ota";
     for (size_t i = 3; i + 1 < w.size(); i++)
       if (w[i] == "--source") source = w[i + 1];
-    auto index = fs_->read(source + "/INDEX");
+    auto index = fs_.read(source + "/INDEX");
     if (!index) return 2;
-    if (cfg_.tpk_index_signed && !index_signed(*fs_, source, *index)) {
+    if (cfg_.tpk_index_signed && !index_signed(fs_, source, *index)) {
       log("tpk", t.pid, {"index-refused", source + "/INDEX"});
       return kIndexNotSigned;
     }
@@ -373,19 +362,19 @@ int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
     for (auto& e : entries)
       if (e.name == name) entry = &e;
     if (!entry) return 2;
-    if (!fs_->exists(source + "/" + entry->file)) return 3;
+    if (!fs_.exists(source + "/" + entry->file)) return 3;
     auto list = installed();
-    auto record = fs_->read(kTrialRecord);
+    auto record = fs_.read(kTrialRecord);
     bool open = record && record->size() == kTrialRecordBytes && (*record)[kTrialOkDigit] == '0';
     if (!open) {
       // The first update opens a trial: a new generation, the old list kept as `vor`.
-      uint64_t before = read_number(*fs_, kGeneration);
+      uint64_t before = read_number(fs_, kGeneration);
       uint64_t gen = before + 1;
-      fs_->make_dirs(std::string(kTpkState) + "/gen");
-      if (!fs_->write(std::string(kTpkState) + "/gen/" + eight_digits(before), format_installed(list))) return 4;
-      if (!fs_->write(kGeneration, eight_digits(gen) + "\n")) return 4;
+      fs_.make_dirs(std::string(kTpkState) + "/gen");
+      if (!fs_.write(std::string(kTpkState) + "/gen/" + eight_digits(before), format_installed(list))) return 4;
+      if (!fs_.write(kGeneration, eight_digits(gen) + "\n")) return 4;
       std::string rec = "gen=" + eight_digits(gen) + " vor=" + eight_digits(before) + " v=00 ok=0\n";
-      if (!fs_->write(kTrialRecord, rec)) return 4;
+      if (!fs_.write(kTrialRecord, rec)) return 4;
     }
     bool replaced = false;
     for (auto& [n, v] : list)
@@ -394,16 +383,16 @@ int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
         replaced = true;
       }
     if (!replaced) list.emplace_back(name, entry->version);
-    return fs_->write(kTpkInstalled, format_installed(list)) ? 0 : 4;
+    return fs_.write(kTpkInstalled, format_installed(list)) ? 0 : 4;
   }
 
   if (verb == "trial") {
     if (int code = configured_failure("trial")) return code;
     if (w.size() < 3 || w[2] != "ok") return 64;
-    auto record = fs_->read(kTrialRecord);
+    auto record = fs_.read(kTrialRecord);
     if (!record || record->size() != kTrialRecordBytes) return 1;
     (*record)[kTrialOkDigit] = '1';
-    return fs_->write(kTrialRecord, *record) ? 0 : 1;
+    return fs_.write(kTrialRecord, *record) ? 0 : 1;
   }
 
   if (verb == "rollback") {
@@ -411,11 +400,11 @@ int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
     if (w.size() < 3) return 64;
     uint64_t gen;
     if (!parse_u64(w[2], gen)) return 2;
-    auto snapshot = fs_->read(std::string(kTpkState) + "/gen/" + eight_digits(gen));
+    auto snapshot = fs_.read(std::string(kTpkState) + "/gen/" + eight_digits(gen));
     if (!snapshot) return 2;
-    if (!fs_->write(kTpkInstalled, *snapshot)) return 4;
-    if (!fs_->write(kGeneration, eight_digits(gen) + "\n")) return 4;
-    fs_->remove(kTrialRecord);
+    if (!fs_.write(kTpkInstalled, *snapshot)) return 4;
+    if (!fs_.write(kGeneration, eight_digits(gen) + "\n")) return 4;
+    fs_.remove(kTrialRecord);
     return 0;
   }
 
@@ -426,17 +415,15 @@ int Kernel::model_tpk(Tracee& t, const std::vector<std::string>& w) {
   return 64;
 }
 
-int Kernel::model_sntp(Tracee& t, const std::vector<std::string>& words) {
-  (void)t;
-  (void)words;
+int Kernel::model_sntp() {
   if (cfg_.sntp_fail) return cfg_.sntp_fail;
-  return fs_->write("/system/clock.stand", "S\n") ? 0 : 1;
+  return fs_.write("/system/clock.stand", "S\n") ? 0 : 1;
 }
 
-int Kernel::model_rootsctl(Tracee& t, const std::vector<std::string>& w) {
+int Kernel::model_rootsctl(Process& t, const std::vector<std::string>& w) {
   if (cfg_.rootsctl_fail) return cfg_.rootsctl_fail;
   if (w.size() < 3 || w[1] != "apply") return 64;
-  auto data = fs_->read(device_path_of(t, w[2]));
+  auto data = fs_.read(device_path(t, w[2]));
   if (!data) return 1;
   log("rootsctl", t.pid, {"sha256=" + sha256_hex(*data), "size=" + std::to_string(data->size()), w[2]});
   make_host_dirs(dir_ + "/rootsctl");

@@ -281,7 +281,7 @@ TEST_F(BootProbe, TheKernelWritesProcVersionAndRunsTheStartUpEntry) {
   EXPECT_EQ(device().read_file("/proc/version"), "tavi 2 build bbbbbbb (tavi-sim stand-in kernel)\n");
   ASSERT_TRUE(b.ran_start_entry);
   EXPECT_EQ(b.start_entry.status, 0);
-  EXPECT_EQ(b.start_entry.out.rfind("pid ", 0), 0u);
+  EXPECT_EQ(b.start_entry.out, "pid " + std::to_string(b.start_entry.pid) + "\n");
   auto boots = events_of(device().events(), "boot");
   ASSERT_EQ(boots.size(), 1u);
   EXPECT_EQ(boots[0].value("entry"), "2");

@@ -1,12 +1,16 @@
 // The simulator's link that drops (fetch-drop SHARE SEED): a fetch breaks off after a
 // random part of its bytes with the given chance, the same way for the same seed.
-#include "update_source.h"
+#include <filesystem>
 
-using namespace e2e;
+#include "config_text.h"
+#include "device_test.h"
+#include "files.h"
+
 using tavisim::RunResult;
 
 namespace {
 
+constexpr const char* kSourceUrl = "http://updates.tavi.test/aktuell";
 constexpr size_t kFileBytes = 5000;
 constexpr int kFetches = 20;
 
@@ -49,7 +53,22 @@ void drop_links(tavisim::Device& d, uint32_t ppm, uint64_t seed) {
 
 }  // namespace
 
-class FetchDropTest : public SourceTest {};
+// A device whose source is a host directory; ota's fetch takes files from it.
+class FetchDropTest : public tavisim::DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    source_ = scratch("source");
+    serve_source(device());
+  }
+
+  void serve_source(tavisim::Device& d) const {
+    d.add_repo(kSourceUrl, source_);
+    d.write_file("/etc/ota.conf", std::string("quelle=") + kSourceUrl + "\n");
+  }
+
+  std::string source_;
+};
 
 TEST_F(FetchDropTest, ALinkThatDropsKeepsOnlyTheFirstBytesOfSomeFetches) {
   write_all(source_ + "/INDEX", pattern());
@@ -71,8 +90,7 @@ TEST_F(FetchDropTest, TheSameSeedDropsTheSameFetchesAndAnotherSeedOthers) {
     auto fresh = [&](uint64_t seed) {
       tavisim::Device d = tavisim::Device::create(OTA_BINARY);
       dirs.push_back(d.dir());
-      d.add_repo(kSourceUrl, source_);
-      d.write_file("/etc/ota.conf", std::string("quelle=") + kSourceUrl + "\n");
+      serve_source(d);
       drop_links(d, 500000, seed);
       return d;
     };
@@ -96,9 +114,9 @@ TEST(FetchDropConfig, TheShareAndSeedAreReadAndWrittenBack) {
   tavisim::Config c = tavisim::parse_config("fetch-drop 0.05 9\n");
   EXPECT_EQ(c.fetch_drop_ppm, 50000u);
   EXPECT_EQ(c.fetch_drop_seed, 9u);
-  EXPECT_NE(tavisim::format_config(c).find("\nfetch-drop 0.05 9\n"), std::string::npos);
+  EXPECT_EQ(tavisim::format_config(c), config_text_with("fetch-drop 0.05 9\n"));
   EXPECT_EQ(tavisim::parse_config("fetch-drop 1 3\n").fetch_drop_ppm, 1000000u);
-  EXPECT_EQ(tavisim::format_config(tavisim::Config{}).find("fetch-drop"), std::string::npos);
+  EXPECT_EQ(tavisim::format_config(tavisim::Config{}), config_text_with());
   for (const char* bad : {"fetch-drop 1.5 3\n", "fetch-drop 0.0000001 3\n", "fetch-drop x 3\n", "fetch-drop 0.5\n",
                           "fetch-drop 0.5 -1\n"})
     EXPECT_THROW(tavisim::parse_config(bad), tavisim::SimError) << bad;

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "run.h"
+
 namespace token_test {
 
 constexpr const char* kUserPin = "1234";
@@ -24,12 +26,6 @@ inline std::string softhsm2_module() {
     if (stat(path, &st) == 0) return path;
   }
   return "/usr/lib/softhsm/libsofthsm2.so";
-}
-
-inline std::string shell_word(const std::string& s) {
-  std::string out = "'";
-  for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return out + "'";
 }
 
 class SoftTokens {
@@ -52,8 +48,8 @@ class SoftTokens {
 
   // A new token with the test PINs; false when softhsm2-util fails.
   bool init(const std::string& label, const std::string& pin = kUserPin) const {
-    std::string command = "softhsm2-util --init-token --free --label " + shell_word(label) + " --so-pin " + kSoPin +
-                          " --pin " + shell_word(pin) + " >/dev/null 2>&1";
+    std::string command = "softhsm2-util --init-token --free --label " + shell_quote(label) + " --so-pin " + kSoPin +
+                          " --pin " + shell_quote(pin) + " >/dev/null 2>&1";
     return std::system(command.c_str()) == 0;
   }
 
@@ -61,8 +57,8 @@ class SoftTokens {
   // or an existing key, gets there).
   bool import(const std::string& token, const std::string& pem, const std::string& label,
               const std::string& id_hex) const {
-    std::string command = "softhsm2-util --import " + shell_word(pem) + " --token " + shell_word(token) + " --label " +
-                          shell_word(label) + " --id " + id_hex + " --pin " + kUserPin + " >/dev/null 2>&1";
+    std::string command = "softhsm2-util --import " + shell_quote(pem) + " --token " + shell_quote(token) + " --label " +
+                          shell_quote(label) + " --id " + id_hex + " --pin " + kUserPin + " >/dev/null 2>&1";
     return std::system(command.c_str()) == 0;
   }
 

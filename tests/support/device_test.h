@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "files.h"
 #include "tavisim/device.h"
 
 namespace tavisim {
@@ -44,17 +45,12 @@ class DeviceTest : public ::testing::Test {
   }
 
   static void write_host(const std::string& path, const std::string& data, bool executable = false) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << data;
+    write_all(path, data);
     if (executable)
       std::filesystem::permissions(path, std::filesystem::perms::owner_all | std::filesystem::perms::group_read |
                                              std::filesystem::perms::group_exec);
   }
 
-  static std::string read_host(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  }
 
   std::optional<Device> device_;
 };

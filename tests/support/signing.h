@@ -1,11 +1,13 @@
 #pragma once
 // Ed25519 key pairs and signatures made with OpenSSL, for tests that need correctly
-// signed key changes and catalogs.
+// signed key changes and catalogs, and OpenSSL's verdict on a signature as the reference
+// the device's own verifier is held against.
 #include <openssl/evp.h>
 
 #include <array>
-#include <cstdio>
 #include <string>
+
+#include "bytes.h"
 
 struct TestKey {
   std::array<unsigned char, 32> seed{};
@@ -36,14 +38,19 @@ struct TestKey {
   std::string pub_bytes() const { return std::string(reinterpret_cast<const char*>(pub.data()), 32); }
 };
 
-inline std::string to_hex(const std::string& bytes, bool upper = false) {
-  std::string out;
-  char buf[3];
-  for (unsigned char c : bytes) {
-    snprintf(buf, sizeof buf, upper ? "%02X" : "%02x", c);
-    out += buf;
-  }
-  return out;
+// Whether sig is an Ed25519 signature of message by the 32-byte public key pub.
+inline bool openssl_verifies(const std::string& pub, const std::string& message, const std::string& sig) {
+  if (pub.size() != 32 || sig.size() != 64) return false;
+  EVP_PKEY* key =
+      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char*>(pub.data()), 32);
+  if (key == nullptr) return false;
+  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+  bool ok = EVP_DigestVerifyInit(ctx, nullptr, nullptr, nullptr, key) == 1 &&
+            EVP_DigestVerify(ctx, reinterpret_cast<const unsigned char*>(sig.data()), 64,
+                             reinterpret_cast<const unsigned char*>(message.data()), message.size()) == 1;
+  EVP_MD_CTX_free(ctx);
+  EVP_PKEY_free(key);
+  return ok;
 }
 
 // A key-change line for generation g introducing `next`, signed by `signer`.
