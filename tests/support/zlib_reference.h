@@ -5,20 +5,25 @@
 
 #include <string>
 
-// One gzip member of data at level 9.
-inline std::string gzip_by_zlib(const std::string& data) {
+// Compresses with zlib: window_bits 31 makes a gzip member, 15 a zlib stream, -15 raw DEFLATE.
+// Empty when zlib refuses the parameters.
+inline std::string zlib_compress(const std::string& data, int level, int strategy = Z_DEFAULT_STRATEGY,
+                                 int window_bits = 31, int mem_level = 8) {
   z_stream z{};
-  if (deflateInit2(&z, 9, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) return "";
+  if (deflateInit2(&z, level, Z_DEFLATED, window_bits, mem_level, strategy) != Z_OK) return {};
   std::string out(deflateBound(&z, data.size()) + 64, '\0');
   z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
   z.avail_in = static_cast<uInt>(data.size());
   z.next_out = reinterpret_cast<Bytef*>(out.data());
   z.avail_out = static_cast<uInt>(out.size());
-  int rc = deflate(&z, Z_FINISH);
+  int r = deflate(&z, Z_FINISH);
   out.resize(z.total_out);
   deflateEnd(&z);
-  return rc == Z_STREAM_END ? out : "";
+  return r == Z_STREAM_END ? out : std::string();
 }
+
+// One gzip member of data at level 9.
+inline std::string gzip_by_zlib(const std::string& data) { return zlib_compress(data, 9); }
 
 // Unpacks one gzip member; false when it is not a complete, valid member.
 inline bool gunzip_by_zlib(const std::string& packed, std::string& out) {

@@ -13,24 +13,9 @@
 #include <vector>
 
 #include "gzip/gunzip.h"
+#include "zlib_reference.h"
 
 namespace gzip_test {
-
-// Compresses with zlib: window_bits 31 makes a gzip member, 15 a zlib stream, -15 raw DEFLATE.
-inline std::string zlib_compress(const std::string& data, int level, int strategy = Z_DEFAULT_STRATEGY,
-                                 int window_bits = 31, int mem_level = 8) {
-  z_stream z{};
-  if (deflateInit2(&z, level, Z_DEFLATED, window_bits, mem_level, strategy) != Z_OK) return {};
-  std::string out(deflateBound(&z, data.size()) + 64, '\0');
-  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-  z.avail_in = static_cast<uInt>(data.size());
-  z.next_out = reinterpret_cast<Bytef*>(out.data());
-  z.avail_out = static_cast<uInt>(out.size());
-  int r = deflate(&z, Z_FINISH);
-  out.resize(z.total_out);
-  deflateEnd(&z);
-  return r == Z_STREAM_END ? out : std::string();
-}
 
 inline std::string raw_deflate(const std::string& data, int level = 6, int strategy = Z_DEFAULT_STRATEGY) {
   return zlib_compress(data, level, strategy, -15);

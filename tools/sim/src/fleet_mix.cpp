@@ -2,7 +2,6 @@
 // from: one line per value with a weight, drawn independently for each device.
 
 #include <algorithm>
-#include <sstream>
 
 #include "fleet.h"
 #include "host.h"
@@ -22,29 +21,6 @@ bool Draws::chance(uint32_t ppm) { return next() % 1000000 < ppm; }
 uint64_t Draws::between_one_and(uint64_t n) { return n == 0 ? 1 : next() % n + 1; }
 
 namespace {
-
-// Fields of a tab-separated line.
-std::vector<std::string> tab_fields(const std::string& line) {
-  std::vector<std::string> f;
-  size_t i = 0;
-  for (;;) {
-    size_t t = line.find('\t', i);
-    f.push_back(line.substr(i, t == std::string::npos ? std::string::npos : t - i));
-    if (t == std::string::npos) return f;
-    i = t + 1;
-  }
-}
-
-std::vector<std::string> text_lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  std::string l;
-  while (std::getline(in, l)) {
-    if (!l.empty() && l.back() == '\r') l.pop_back();
-    lines.push_back(l);
-  }
-  return lines;
-}
 
 uint64_t leading_number(const std::string& s) {
   uint64_t v = 0;

@@ -24,25 +24,6 @@ std::string six_digits(uint64_t v) {
 
 namespace {
 
-std::vector<std::string> tab_fields(const std::string& line) {
-  std::vector<std::string> f;
-  size_t i = 0;
-  for (;;) {
-    size_t t = line.find('\t', i);
-    f.push_back(line.substr(i, t == std::string::npos ? std::string::npos : t - i));
-    if (t == std::string::npos) return f;
-    i = t + 1;
-  }
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream in(text);
-  std::string l;
-  while (std::getline(in, l)) out.push_back(l);
-  return out;
-}
-
 uint64_t number(const std::string& s) {
   uint64_t v = 0;
   if (!parse_u64(s, v)) throw SimError("not a number: " + s);
@@ -453,18 +434,18 @@ Results read_results(const std::string& out) {
     if (!text) throw SimError("cannot read " + out + "/" + name + ": not the output of tavi-sim fleet");
     return *text;
   };
-  for (auto& line : lines_of(need("run.tsv"))) {
+  for (auto& line : text_lines(need("run.tsv"))) {
     size_t t = line.find('\t');
     if (t == std::string::npos) continue;
     r.run.push_back({line.substr(0, t), line.substr(t + 1)});
   }
-  for (auto& line : lines_of(need("devices.tsv"))) {
+  for (auto& line : text_lines(need("devices.tsv"))) {
     if (line.empty()) continue;
     auto d = parse_device_line(line);
     if (d) r.devices.push_back(*d);
     else if (line != device_header()) throw SimError(out + "/devices.tsv: not a device line: " + line);
   }
-  for (auto& line : lines_of(need("requests.tsv"))) {
+  for (auto& line : text_lines(need("requests.tsv"))) {
     auto f = tab_fields(line);
     if (f.size() != 5 || f[0] == "path") continue;
     Traffic& t = r.traffic[f[0]];
@@ -473,7 +454,7 @@ Results read_results(const std::string& out) {
     t.failed += number(f[3]);
     t.bytes += number(f[4]);
   }
-  for (auto& line : lines_of(need("rollout.tsv"))) {
+  for (auto& line : text_lines(need("rollout.tsv"))) {
     auto f = tab_fields(line);
     if (f.size() != 5 || f[0] == "round") continue;
     r.rollout[{number(f[0]), f[2], f[3]}] += number(f[4]);

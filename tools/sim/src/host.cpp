@@ -355,6 +355,31 @@ std::vector<std::string> split_words(std::string_view line) {
   return w;
 }
 
+std::vector<std::string> tab_fields(std::string_view line) {
+  std::vector<std::string> f;
+  size_t i = 0;
+  for (;;) {
+    size_t t = line.find('\t', i);
+    f.emplace_back(line.substr(i, t == std::string_view::npos ? std::string_view::npos : t - i));
+    if (t == std::string_view::npos) return f;
+    i = t + 1;
+  }
+}
+
+std::vector<std::string> text_lines(std::string_view text) {
+  std::vector<std::string> lines;
+  size_t i = 0;
+  while (i < text.size()) {
+    size_t end = text.find('\n', i);
+    if (end == std::string_view::npos) end = text.size();
+    std::string_view l = text.substr(i, end - i);
+    if (!l.empty() && l.back() == '\r') l.remove_suffix(1);
+    lines.emplace_back(l);
+    i = end + 1;
+  }
+  return lines;
+}
+
 std::string trim(std::string_view s) {
   size_t a = 0, b = s.size();
   while (a < b && (s[a] == ' ' || s[a] == '\t' || s[a] == '\r' || s[a] == '\n')) a++;

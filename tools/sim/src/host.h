@@ -71,6 +71,10 @@ std::string escape_field(std::string_view s);
 std::string unescape_field(std::string_view s);
 
 std::vector<std::string> split_words(std::string_view line);
+// The fields of a tab-separated line; a line without a TAB is one field.
+std::vector<std::string> tab_fields(std::string_view line);
+// The lines of a text without their ends (LF, or CR LF).
+std::vector<std::string> text_lines(std::string_view text);
 std::string trim(std::string_view s);
 bool parse_i64(std::string_view s, int64_t& out);
 bool parse_u64(std::string_view s, uint64_t& out);
