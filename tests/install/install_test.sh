@@ -15,24 +15,7 @@ fi
 source_dir=$(realpath "$1")
 build=$(realpath "$2")
 
-scratch=$(mktemp -d "${TMPDIR:-/tmp}/ota-install-XXXXXX")
-if [ "${OTA_INSTALL_KEEP:-0}" = 1 ]; then
-  echo "scratch directory kept: $scratch"
-else
-  trap 'rm -rf "$scratch"' EXIT
-fi
-
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
-same() {  # same WHAT EXPECTED ACTUAL: the whole texts must be equal.
-  if [ "$2" != "$3" ]; then
-    fail "$1 differs (expected, then actual):"
-    diff <(printf '%s\n' "$2") <(printf '%s\n' "$3") >&2
-  fi
-}
+source "$(dirname "$0")/checks.sh" ota-install
 
 prefix=$scratch/prefix
 if ! cmake --install "$build" --prefix "$prefix" >"$scratch/install.log" 2>&1; then
@@ -100,8 +83,5 @@ same "ota settings in a device made by the installed tavi-sim" "ota: settings (/
   gesund   (not set)
   change:   ota set <key> <value>" "$out"
 
-if [ "$failures" -ne 0 ]; then
-  echo "$failures check(s) failed" >&2
-  exit 1
-fi
+end_on_failures
 echo "installed into $prefix as expected"

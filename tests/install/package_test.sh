@@ -23,25 +23,7 @@ maintainer=$5
 package_version=$version-$revision
 arch=$(dpkg --print-architecture)
 
-scratch=$(mktemp -d "${TMPDIR:-/tmp}/ota-package-XXXXXX")
-if [ "${OTA_INSTALL_KEEP:-0}" = 1 ]; then
-  echo "scratch directory kept: $scratch"
-else
-  trap 'rm -rf "$scratch"' EXIT
-fi
-
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
-# same WHAT EXPECTED ACTUAL: the whole texts must be equal.
-same() {
-  if [ "$2" != "$3" ]; then
-    fail "$1 differs (expected, then actual):"
-    diff <(printf '%s\n' "$2") <(printf '%s\n' "$3") >&2
-  fi
-}
+source "$(dirname "$0")/checks.sh" ota-package
 
 # --- Making the packages ------------------------------------------------------------
 
@@ -257,8 +239,5 @@ ota: READY FOR RESTART -- it will NOT
      restart by itself. \`reboot\`." "$(tail -4 <<<"$out")"
 same "the version the device has after apply" "00000002" "$(cat dev/root/system/FASSUNG)"
 
-if [ "$failures" -ne 0 ]; then
-  echo "$failures check(s) failed" >&2
-  exit 1
-fi
+end_on_failures
 echo "both packages made, unpacked and used: $(basename "$tools"), $(basename "$device")"
