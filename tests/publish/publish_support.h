@@ -3,6 +3,7 @@
 // process with its output captured, and independent checks of what it wrote (OpenSSL for
 // Ed25519 and SHA-256, zlib for gzip, and the device's own verifier).
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <source_location>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -32,6 +34,16 @@ using Outcome = Ran;
 // Runs ota-publish with the given words in `cwd`, with standard output and error captured.
 inline Outcome publish(const std::vector<std::string>& words, const std::string& cwd = "/tmp") {
   return run_program(OTA_PUBLISH, words, cwd);
+}
+
+// Holds a run of ota-publish to its whole outcome: the exit status, all it wrote to standard
+// output and all it wrote to standard error. A mismatch is reported at the caller's line.
+inline void expect_outcome(const Outcome& r, int status, const std::string& out, const std::string& err,
+                           std::source_location where = std::source_location::current()) {
+  ::testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "the outcome of ota-publish");
+  EXPECT_EQ(r.status, status);
+  EXPECT_EQ(r.out, out);
+  EXPECT_EQ(r.err, err);
 }
 
 class Scratch {
@@ -116,11 +128,21 @@ inline std::vector<std::string> fields_of(const std::string& line) {
   return fields;
 }
 
+// What keygen prints for a key pair it wrote to PREFIX.key and PREFIX.pub; the key is drawn
+// at random, so its hex is read back from the public key file.
+inline std::string keygen_said(const std::string& prefix) {
+  return "ota-publish: wrote " + prefix + ".key (private, mode 0600) and " + prefix +
+         ".pub (public, 32 bytes)\nota-publish: public key " + to_hex(read_all(prefix + ".pub")) + "\n";
+}
+
 // A scratch directory with three key pairs and a spare key made by the tool itself.
 class KeyedScratch : public Scratch {
  public:
   KeyedScratch() {
-    for (const char* name : {"k0", "k1", "k2", "k3", "spare"}) publish({"keygen", "--out", (*this)(name)});
+    for (const char* name : {"k0", "k1", "k2", "k3", "spare"}) {
+      Outcome r = publish({"keygen", "--out", (*this)(name)});
+      expect_outcome(r, 0, keygen_said((*this)(name)), "");
+    }
   }
   std::string key(const std::string& name) const { return (*this)(name + ".key"); }
   std::string pub(const std::string& name) const { return (*this)(name + ".pub"); }
