@@ -128,6 +128,35 @@ inline std::vector<std::string> fields_of(const std::string& line) {
   return fields;
 }
 
+// What check writes to standard error when it refuses a source: one line per problem, then
+// their count.
+inline std::string check_refused(const std::vector<std::string>& problems) {
+  std::string err;
+  for (const std::string& problem : problems) err += "check: PROBLEM: " + problem + "\n";
+  return err + "check: REFUSED -- " + std::to_string(problems.size()) + " problem(s)\n";
+}
+
+// The size of a file as a decimal text, for outputs that name the size of something made
+// by zlib (its exact bytes may change with zlib's version).
+inline std::string size_text(const std::string& path) { return std::to_string(read_all(path).size()); }
+
+// What kernel prints for a stand-in image it wrote.
+inline std::string kernel_said(const std::string& path, const std::string& build, const std::string& commit,
+                               const std::string& health = "good", int size = 4096) {
+  return "ota-publish: wrote " + path + ": " + std::to_string(size) + " bytes, TAVI-KERNEL build=" + build +
+         " commit=" + commit + " health=" + health + "\n";
+}
+
+// What system prints for a source it wrote to `dir`: the summary, then the size of the
+// VERZEICHNIS (read back, as gzip variants make it), the overlay journal and the key that
+// signed it.
+inline std::string system_said(const std::string& dir, const std::string& summary, int journal,
+                               const std::string& pub) {
+  return "ota-publish: wrote " + dir + ": " + summary + "\nota-publish: VERZEICHNIS " + size_text(dir + "/VERZEICHNIS") +
+         " of 32767 bytes, overlay journal " + std::to_string(journal) + " of 7900 bytes, signed by " +
+         to_hex(read_all(pub)) + "\n";
+}
+
 // What keygen prints for a key pair it wrote to PREFIX.key and PREFIX.pub; the key is drawn
 // at random, so its hex is read back from the public key file.
 inline std::string keygen_said(const std::string& prefix) {
