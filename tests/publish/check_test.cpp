@@ -212,7 +212,8 @@ class CheckSystemTest : public ::testing::Test {
                          "--kernel", s("tavi.mb"), "--gzip-kernel", "--file", "prog=" + s("prog") + ":gz"});
     ASSERT_EQ(r.status, 0) << r.err;
     expect_outcome(r, 0,
-                   system_said(s("sys"), "build 30, commit 0123456789, 1 overlay file(s), 0 link(s)", 6, s.pub("k0")),
+                   system_said(s("sys"), "build 30, commit 0123456789, 1 overlay file(s), 0 link(s)",
+                               size_text(s("sys/VERZEICHNIS")), 6, s.pub("k0")),
                    "");
   }
 
@@ -262,7 +263,8 @@ TEST_F(CheckSystemTest, RefusesAGzipVariantThatUnpacksToSomethingElse) {
   other = publish({"system", "--key", s.key("k0"), "--out", s("sys2"), "--build", "31", "--commit", "0123456789",
                    "--kernel", s("other.mb"), "--gzip-kernel"});
   expect_outcome(other, 0,
-                 system_said(s("sys2"), "build 31, commit 0123456789, 0 overlay file(s), 0 link(s)", 0, s.pub("k0")),
+                 system_said(s("sys2"), "build 31, commit 0123456789, 0 overlay file(s), 0 link(s)",
+                             size_text(s("sys2/VERZEICHNIS")), 0, s.pub("k0")),
                  "");
   std::string gz = read_all(s("sys2/other.mb.gz"));
   write_all(s("sys/tavi.mb.gz"), gz);

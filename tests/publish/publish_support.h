@@ -148,11 +148,11 @@ inline std::string kernel_said(const std::string& path, const std::string& build
 }
 
 // What system prints for a source it wrote to `dir`: the summary, then the size of the
-// VERZEICHNIS (read back, as gzip variants make it), the overlay journal and the key that
-// signed it.
-inline std::string system_said(const std::string& dir, const std::string& summary, int journal,
-                               const std::string& pub) {
-  return "ota-publish: wrote " + dir + ": " + summary + "\nota-publish: VERZEICHNIS " + size_text(dir + "/VERZEICHNIS") +
+// VERZEICHNIS (as text: a source with gzip variants has it read back, since their sizes
+// are zlib's), the overlay journal and the key that signed it.
+inline std::string system_said(const std::string& dir, const std::string& summary, const std::string& bytes,
+                               int journal, const std::string& pub) {
+  return "ota-publish: wrote " + dir + ": " + summary + "\nota-publish: VERZEICHNIS " + bytes +
          " of 32767 bytes, overlay journal " + std::to_string(journal) + " of 7900 bytes, signed by " +
          to_hex(read_all(pub)) + "\n";
 }
