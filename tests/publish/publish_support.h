@@ -157,6 +157,18 @@ inline std::string system_said(const std::string& dir, const std::string& summar
          to_hex(read_all(pub)) + "\n";
 }
 
+// What sign prints for the files it signed, in order, with the key whose 32 raw bytes are
+// given: one line per signature with the signed file's size and SHA-256, then the count.
+inline std::string sign_said(const std::vector<std::string>& files, const std::string& pub_bytes) {
+  std::string out;
+  for (const std::string& file : files) {
+    std::string data = read_all(file);
+    out += "ota-publish: wrote " + file + ".sig (" + std::to_string(data.size()) + " bytes signed, SHA-256 " +
+           sha256_hex(data) + ")\n";
+  }
+  return out + "ota-publish: " + std::to_string(files.size()) + " signature(s) by " + to_hex(pub_bytes) + "\n";
+}
+
 // What keygen prints for a key pair it wrote to PREFIX.key and PREFIX.pub; the key is drawn
 // at random, so its hex is read back from the public key file.
 inline std::string keygen_said(const std::string& prefix) {
