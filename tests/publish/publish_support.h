@@ -3,6 +3,7 @@
 // process with its output captured, and independent checks of what it wrote (OpenSSL for
 // Ed25519 and SHA-256, zlib for gzip, and the device's own verifier).
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <source_location>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -32,6 +34,16 @@ using Outcome = Ran;
 // Runs ota-publish with the given words in `cwd`, with standard output and error captured.
 inline Outcome publish(const std::vector<std::string>& words, const std::string& cwd = "/tmp") {
   return run_program(OTA_PUBLISH, words, cwd);
+}
+
+// Holds a run of ota-publish to its whole outcome: the exit status, all it wrote to standard
+// output and all it wrote to standard error. A mismatch is reported at the caller's line.
+inline void expect_outcome(const Outcome& r, int status, const std::string& out, const std::string& err,
+                           std::source_location where = std::source_location::current()) {
+  ::testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "the outcome of ota-publish");
+  EXPECT_EQ(r.status, status);
+  EXPECT_EQ(r.out, out);
+  EXPECT_EQ(r.err, err);
 }
 
 class Scratch {
@@ -116,11 +128,62 @@ inline std::vector<std::string> fields_of(const std::string& line) {
   return fields;
 }
 
+// What check writes to standard error when it refuses a source: one line per problem, then
+// their count.
+inline std::string check_refused(const std::vector<std::string>& problems) {
+  std::string err;
+  for (const std::string& problem : problems) err += "check: PROBLEM: " + problem + "\n";
+  return err + "check: REFUSED -- " + std::to_string(problems.size()) + " problem(s)\n";
+}
+
+// The size of a file as a decimal text, for outputs that name the size of something made
+// by zlib (its exact bytes may change with zlib's version).
+inline std::string size_text(const std::string& path) { return std::to_string(read_all(path).size()); }
+
+// What kernel prints for a stand-in image it wrote.
+inline std::string kernel_said(const std::string& path, const std::string& build, const std::string& commit,
+                               const std::string& health = "good", int size = 4096) {
+  return "ota-publish: wrote " + path + ": " + std::to_string(size) + " bytes, TAVI-KERNEL build=" + build +
+         " commit=" + commit + " health=" + health + "\n";
+}
+
+// What system prints for a source it wrote to `dir`: the summary, then the size of the
+// VERZEICHNIS (as text: a source with gzip variants has it read back, since their sizes
+// are zlib's), the overlay journal and the key that signed it.
+inline std::string system_said(const std::string& dir, const std::string& summary, const std::string& bytes,
+                               int journal, const std::string& pub) {
+  return "ota-publish: wrote " + dir + ": " + summary + "\nota-publish: VERZEICHNIS " + bytes +
+         " of 32767 bytes, overlay journal " + std::to_string(journal) + " of 7900 bytes, signed by " +
+         to_hex(read_all(pub)) + "\n";
+}
+
+// What sign prints for the files it signed, in order, with the key whose 32 raw bytes are
+// given: one line per signature with the signed file's size and SHA-256, then the count.
+inline std::string sign_said(const std::vector<std::string>& files, const std::string& pub_bytes) {
+  std::string out;
+  for (const std::string& file : files) {
+    std::string data = read_all(file);
+    out += "ota-publish: wrote " + file + ".sig (" + std::to_string(data.size()) + " bytes signed, SHA-256 " +
+           sha256_hex(data) + ")\n";
+  }
+  return out + "ota-publish: " + std::to_string(files.size()) + " signature(s) by " + to_hex(pub_bytes) + "\n";
+}
+
+// What keygen prints for a key pair it wrote to PREFIX.key and PREFIX.pub; the key is drawn
+// at random, so its hex is read back from the public key file.
+inline std::string keygen_said(const std::string& prefix) {
+  return "ota-publish: wrote " + prefix + ".key (private, mode 0600) and " + prefix +
+         ".pub (public, 32 bytes)\nota-publish: public key " + to_hex(read_all(prefix + ".pub")) + "\n";
+}
+
 // A scratch directory with three key pairs and a spare key made by the tool itself.
 class KeyedScratch : public Scratch {
  public:
   KeyedScratch() {
-    for (const char* name : {"k0", "k1", "k2", "k3", "spare"}) publish({"keygen", "--out", (*this)(name)});
+    for (const char* name : {"k0", "k1", "k2", "k3", "spare"}) {
+      Outcome r = publish({"keygen", "--out", (*this)(name)});
+      expect_outcome(r, 0, keygen_said((*this)(name)), "");
+    }
   }
   std::string key(const std::string& name) const { return (*this)(name + ".key"); }
   std::string pub(const std::string& name) const { return (*this)(name + ".pub"); }
