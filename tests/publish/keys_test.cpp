@@ -113,7 +113,7 @@ TEST(KeyFiles, MissingGarbageAndWrongTypeKeysAreRefusedByName) {
   EVP_PKEY_free(rsa);
   r = catalog_with(s("rsa.key"));
   expect_outcome(r, 1, "",
-                 "ota-publish: private key \"" + s("rsa.key") + "\" is a RSA key; devices check Ed25519 signatures only\n");
+                 "ota-publish: private key \"" + s("rsa.key") + "\" is an RSA key; devices check Ed25519 signatures only\n");
 
   // A public key file of the wrong length.
   write_all(s("short.pub"), std::string(31, 'k'));

@@ -176,7 +176,7 @@ inline std::string keygen_said(const std::string& prefix) {
          ".pub (public, 32 bytes)\nota-publish: public key " + to_hex(read_all(prefix + ".pub")) + "\n";
 }
 
-// A scratch directory with three key pairs and a spare key made by the tool itself.
+// A scratch directory with four key pairs (k0 to k3) and a spare key made by the tool itself.
 class KeyedScratch : public Scratch {
  public:
   KeyedScratch() {

@@ -339,8 +339,8 @@ TEST_F(SystemRefusalTest, SystemAndCheckRefuseACommitHoldingSha) {
   t.replace(t.find("0123sha=456"), 11, "0123456\r89");
   resign(t);
   r = check();
-  // The finding repeats the commit as the manifest holds it, CR and all.
-  expect_outcome(r, 1, head("119", "0123456\r89") + empty_overlay,
+  // Both the report line and the finding show the commit's CR as \r, so each stays one line.
+  expect_outcome(r, 1, head("119", "0123456\\r89") + empty_overlay,
                  check_refused({"commit \"0123456\\r89\" contains a control character; a TAB, LF or CR would break "
                                 "the line on the device"}));
 }

@@ -628,7 +628,7 @@ TEST_F(TokenRefusals, AMissingObject) {
   }
   expect_refused({"sign", "--key", SoftTokens::key("ota", "release"), work_("file.txt")},
                  "token \"ota\" holds no Ed25519 public key beside key \"release\" (id " + id_hex +
-                     ") in token \"ota\" (same id); ota-publish needs it to check what it signs");
+                     ") (same id); ota-publish needs it to check what it signs");
 }
 
 TEST_F(TokenRefusals, AKeyOfAnotherType) {

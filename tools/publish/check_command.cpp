@@ -272,8 +272,8 @@ void Checker::check_system() {
   if (min_from.present && !is_plain_number(min_from.whole)) {
     report.problem("min_from " + shown(min_from.whole) + " is not a plain number");
   }
-  report.info("system build " + build.value + ", commit " + commit.value +
-              (min_from.present ? ", min_from " + min_from.value : ""));
+  report.info("system build " + visible(build.value) + ", commit " + visible(commit.value) +
+              (min_from.present ? ", min_from " + visible(min_from.value) : ""));
 
   struct SysEntry {
     bool seen = false;

@@ -52,7 +52,7 @@ PrivateKey PrivateKey::load(const std::string& path) {
   PrivateKey result(key);
   if (EVP_PKEY_get_base_id(key) != EVP_PKEY_ED25519) {
     const char* type = EVP_PKEY_get0_type_name(key);
-    throw Error("private key " + shown(path) + " is a " + (type ? type : "non-Ed25519") +
+    throw Error("private key " + shown(path) + " is " + with_article(type ? type : "non-Ed25519") +
                 " key; devices check Ed25519 signatures only");
   }
   return result;

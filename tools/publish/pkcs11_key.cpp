@@ -291,10 +291,11 @@ struct TokenKey::Impl {
 
   std::string token_words() const { return "token " + shown(token_label); }
 
-  std::string key_words() const {
+  // The key as messages name it, with its token unless the message names the token itself.
+  std::string key_words(bool with_token = true) const {
     std::string text = label.empty() ? "the key" : "key " + shown(label);
     if (!id.empty()) text += " (id " + hex_of(id) + ")";
-    return text + " in " + token_words();
+    return with_token ? text + " in " + token_words() : text;
   }
 
   void check(CK_RV rv, const std::string& doing) const {
@@ -491,7 +492,7 @@ struct TokenKey::Impl {
     std::optional<CK_ULONG> type = ulong_attribute(object, CKA_KEY_TYPE);
     if (!type) throw Error(key_words() + " has no key type the token will tell");
     if (*type != CKK_EC_EDWARDS) {
-      throw Error(key_words() + " is an " + key_type_name(*type) + " key; devices check Ed25519 signatures only");
+      throw Error(key_words() + " is " + with_article(key_type_name(*type)) + " key; devices check Ed25519 signatures only");
     }
     std::optional<Bytes> params = attribute(object, CKA_EC_PARAMS);
     if (params && (*params == kEd448Oid || *params == kEd448Name)) {
@@ -539,7 +540,7 @@ struct TokenKey::Impl {
       public_object = object;
     }
     if (keys.empty()) {
-      throw Error(token_words() + " holds no Ed25519 public key beside " + key_words() + " (same " +
+      throw Error(token_words() + " holds no Ed25519 public key beside " + key_words(false) + " (same " +
                   (id.empty() ? "label" : "id") + "); ota-publish needs it to check what it signs");
     }
     if (keys.size() > 1) {

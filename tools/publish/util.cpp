@@ -98,9 +98,20 @@ std::string base_name(const std::string& path) {
   return slash == std::string::npos ? p : p.substr(slash + 1);
 }
 
-std::string shown(std::string_view value) {
+std::string with_article(std::string_view name) {
+  if (name.empty()) return "a";
+  // Read letter by letter: one letter, or a capital followed by a capital or a digit.
+  bool letters = name.size() == 1 || (name[1] >= 'A' && name[1] <= 'Z') || (name[1] >= '0' && name[1] <= '9');
+  char first = name[0];
+  // Letters whose spoken name begins with a vowel sound: "an F", "an S", "an X".
+  std::string_view vowel_sound = letters ? "AEFHILMNORSX" : "AEIOUaeiou";
+  bool an = vowel_sound.find(first) != std::string_view::npos;
+  return std::string(an ? "an " : "a ") + std::string(name);
+}
+
+std::string visible(std::string_view value) {
   constexpr std::size_t kShownMax = 80;  // keeps an error message on one screen line or two
-  std::string out = "\"";
+  std::string out;
   std::size_t n = 0;
   for (unsigned char c : value) {
     if (n++ == kShownMax) {
@@ -122,8 +133,9 @@ std::string shown(std::string_view value) {
       out.push_back(static_cast<char>(c));
     }
   }
-  out += "\"";
   return out;
 }
+
+std::string shown(std::string_view value) { return "\"" + visible(value) + "\""; }
 
 }  // namespace publish

@@ -43,8 +43,13 @@ std::string sha256_hex(const Bytes& data);
 std::uint64_t parse_number(std::string_view text, const char* what, std::uint64_t max_value);
 
 std::string base_name(const std::string& path);
-// A value shown in an error message: quoted, with control characters made visible and very
-// long values shortened so the message stays one readable line.
+// A value from a source as a report line shows it: control characters made visible and very
+// long values shortened, so the line stays one readable line.
+std::string visible(std::string_view value);
+// The same, quoted, for error messages.
 std::string shown(std::string_view value);
+// A name with "a" or "an" before it as it is spoken: key type names are mostly read letter
+// by letter ("an RSA key", "a DSA key", "an ECDSA key"), other words as words ("a secret").
+std::string with_article(std::string_view name);
 
 }  // namespace publish
