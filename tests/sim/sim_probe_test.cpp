@@ -1,4 +1,4 @@
-// Checks of the SIMULATOR's kernel model, made with tavisim-probe (tests/e2e/simprobe),
+// Checks of the SIMULATOR's kernel model, made with tavisim-probe (tests/sim/probe),
 // a tiny program that makes the tavi calls exactly as the device program makes them and
 // prints the raw results. These tests say nothing about ota; they pin what the simulated
 // kernel answers for the calls that no ota command makes yet.

@@ -3,7 +3,7 @@
  * A tiny static program without a C library that makes the kernel calls the simulator
  * answers (spawn, wait4, task table, end_task, sleeps, reboot, mount, grow, notify, ...)
  * in exactly the form the device program makes them, and prints each raw result. The
- * simulator's own end-to-end tests (tests/e2e/sim_probe_test.cpp) install it as the
+ * simulator's own tests (tests/sim/sim_probe_test.cpp) install it as the
  * device's /bin/ota to check the kernel model for calls that no ota command makes yet.
  *
  * Words: commands separated by ",", e.g.  mount /dev/sda1 /sysesp vfat , umount /sysesp
