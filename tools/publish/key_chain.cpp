@@ -8,7 +8,6 @@
 #include "limits.h"
 #include "rules.h"
 #include "trust/catalog_text.h"
-#include "trust/ed25519.h"
 #include "trust/keys.h"
 
 namespace publish {
@@ -107,9 +106,9 @@ std::vector<ChainLine> check_chain_lines(const std::vector<ChainLine>& lines, co
     const ChainLine& before = kept[by_generation[g - 1]];
     std::string message = chain_signed_text(g, step.key_field);
     auto bytes = reinterpret_cast<const std::uint8_t*>(message.data());
-    // The device's own verifier: a step must pass exactly the check a device makes.
-    bool ok = ota::ed25519_verify(before.key.data(), bytes, message.size(), step.signature.data()) ||
-              (spare && ota::ed25519_verify(spare->data(), bytes, message.size(), step.signature.data()));
+    // A step must pass exactly the check a device makes (verify_signature is the device's).
+    bool ok = verify_signature(before.key, bytes, message.size(), step.signature.data()) ||
+              (spare && verify_signature(*spare, bytes, message.size(), step.signature.data()));
     if (!ok) {
       throw Error("the key change to generation " + std::to_string(g) + " is not signed by the key of generation " +
                   std::to_string(g - 1) +
@@ -174,9 +173,9 @@ ChainWalk walk_key_chain(std::string_view catalog, const PublicKey& trusted, con
     std::string message = chain_signed_text(next, key_text.value);
     auto bytes = reinterpret_cast<const std::uint8_t*>(message.data());
     std::string by;
-    if (ota::ed25519_verify(key.data(), bytes, message.size(), sig.data())) {
+    if (verify_signature(key, bytes, message.size(), sig.data())) {
       by = "the key of generation " + std::to_string(next - 1);
-    } else if (spare && ota::ed25519_verify(spare->data(), bytes, message.size(), sig.data())) {
+    } else if (spare && verify_signature(*spare, bytes, message.size(), sig.data())) {
       by = "the SPARE KEY";
     }
     if (by.empty()) {

@@ -56,6 +56,7 @@ class PrivateKey {
 // A raw 32-byte public key file (exactly 32 bytes, as keygen writes it).
 PublicKey load_public_key(const std::string& path);
 
+// Whether signature (64 bytes) is a signature of message under key, as a device decides it.
 bool verify_signature(const PublicKey& key, const std::uint8_t* message, std::size_t length,
                       const std::uint8_t* signature);
 
