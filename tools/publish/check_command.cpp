@@ -77,14 +77,6 @@ bool is_lower_hex64(const std::string& text) {
   return true;
 }
 
-bool is_plain_number(const std::string& text) {
-  if (text.empty()) return false;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-  }
-  return true;
-}
-
 struct Checker {
   std::string dir;
   std::string text;
@@ -164,7 +156,7 @@ void Checker::check_packages() {
   for (std::size_t i = 0;; ++i) {
     auto at = find_line(text, "gesperrt\t", i);
     if (!at) break;
-    Field f = line_field(text, *at, 0, limits::kFassungField);
+    Field f = line_field(text, *at, 0, limits::kBlockedField);
     if (f.present && device_decimal(f.value) == version) {
       report.problem("the offered version " + std::to_string(version) + " is blocked by the catalog itself");
     }
@@ -523,13 +515,9 @@ int check_command(int argc, char** argv) {
   std::optional<PublicKey> spare;
   if (auto s = args.get("--spare")) spare = load_public_key(*s);
   // Keys a device would be given: whatever else the source holds, a weak one is a problem.
-  if (std::string problem = public_key_problem(trusted); !problem.empty()) {
-    c.report.problem("trusted key " + hex_lower(trusted.data(), trusted.size()) + " " + problem);
-  }
+  if (std::string refusal = public_key_refusal(trusted, "trusted key"); !refusal.empty()) c.report.problem(refusal);
   if (spare) {
-    if (std::string problem = public_key_problem(*spare); !problem.empty()) {
-      c.report.problem("spare key " + hex_lower(spare->data(), spare->size()) + " " + problem);
-    }
+    if (std::string refusal = public_key_refusal(*spare, "spare key"); !refusal.empty()) c.report.problem(refusal);
   }
   std::uint64_t generation = 0;
   if (auto g = args.get("--generation")) generation = parse_number(*g, "key generation", limits::kStoredNumberMax);
@@ -560,10 +548,8 @@ int check_command(int argc, char** argv) {
     c.report.problem("KEY CHANGE: the chain is BROKEN after generation " + std::to_string(walk.generation));
   }
   for (const auto& [reached, key] : walk.keys) {
-    if (std::string problem = public_key_problem(key); !problem.empty()) {
-      c.report.problem("the key of generation " + std::to_string(reached) + " " + hex_lower(key.data(), key.size()) +
-                       " " + problem);
-    }
+    std::string refusal = public_key_refusal(key, "the key of generation " + std::to_string(reached));
+    if (!refusal.empty()) c.report.problem(refusal);
   }
   if (walk.generation > limits::kStoredNumberMax) {
     c.report.problem("key generation " + std::to_string(walk.generation) +

@@ -73,6 +73,14 @@ std::vector<ChainLine> read_chain_file(const std::string& path) {
   return lines;
 }
 
+const ChainLine* newest_chain_line(const std::vector<ChainLine>& lines) {
+  const ChainLine* newest = nullptr;
+  for (const ChainLine& line : lines) {
+    if (newest == nullptr || line.generation > newest->generation) newest = &line;
+  }
+  return newest;
+}
+
 std::vector<ChainLine> check_chain_lines(const std::vector<ChainLine>& lines, const PublicKey& catalog_key,
                                          const std::optional<PublicKey>& spare) {
   std::vector<ChainLine> kept;

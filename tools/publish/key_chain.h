@@ -26,6 +26,9 @@ ChainLine make_chain_line(const PrivateKey& signer, const PublicKey& new_key, st
 // Reads the key-change lines of a file written by `ota-publish chain` (one or more lines).
 std::vector<ChainLine> read_chain_file(const std::string& path);
 
+// The line of the highest generation (the first of them when several have it), or null.
+const ChainLine* newest_chain_line(const std::vector<ChainLine>& lines);
+
 // Checks the key changes a catalog is about to carry: generations form one unbroken run,
 // each later step verifies under the key of the step before it (or the spare key, when
 // given), and the catalog's own key is the newest key of the run (or the spare key), since

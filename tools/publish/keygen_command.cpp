@@ -42,6 +42,12 @@ int keygen_command(int argc, char** argv) {
     check_output_free(pub_path, false, "public key", false, false);
     PrivateKey key = PrivateKey::generate_in_token(*uri);
     PublicKey pub = key.public_key();
+    // The token made the point, so it is checked as any key a device would be given; a
+    // faulty token is the one way a weak key could come out of keygen.
+    if (std::string refusal = public_key_refusal(pub, "new public key"); !refusal.empty()) {
+      key.token()->destroy();
+      throw Error(refusal);
+    }
     try {
       write_file_atomic(pub_path, Bytes(pub.begin(), pub.end()), 0644, false, "public key");
     } catch (...) {

@@ -270,7 +270,18 @@ std::optional<std::string> pin_for(const Pkcs11Uri& uri) {
 
 struct TokenKey::Impl {
   std::shared_ptr<Module> module;
-  CK_FUNCTION_LIST_PTR f = nullptr;
+  CK_FUNCTION_LIST_PTR f = nullptr;  // module->f, for short
+
+  // Loads the module the URI names, finds its token and opens a session there.
+  static std::unique_ptr<Impl> connect(const Pkcs11Uri& uri, bool read_write) {
+    auto impl = std::make_unique<Impl>();
+    impl->module = load_module(uri);
+    impl->f = impl->module->f;
+    impl->find_token(uri);
+    impl->open_session(uri, read_write);
+    return impl;
+  }
+
   CK_SLOT_ID slot = 0;
   std::string token_label;
   CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
@@ -584,11 +595,7 @@ std::shared_ptr<TokenKey> TokenKey::open(const std::string& text) {
   if (auto type = uri.get("type"); type && *type != "private") {
     throw Error("the PKCS#11 URI names type=" + *type + "; signing needs the private key (type=private)");
   }
-  auto impl = std::make_unique<Impl>();
-  impl->module = load_module(uri);
-  impl->f = impl->module->f;
-  impl->find_token(uri);
-  impl->open_session(uri, false);
+  std::unique_ptr<Impl> impl = Impl::connect(uri, false);
 
   Template t;
   t.add_ulong(CKA_CLASS, CKO_PRIVATE_KEY);
@@ -634,11 +641,7 @@ std::shared_ptr<TokenKey> TokenKey::generate(const std::string& text) {
   if (auto type = uri.get("type"); type && *type != "private" && *type != "public") {
     throw Error("the PKCS#11 URI names type=" + *type + "; keygen makes a public and a private key");
   }
-  auto impl = std::make_unique<Impl>();
-  impl->module = load_module(uri);
-  impl->f = impl->module->f;
-  impl->find_token(uri);
-  impl->open_session(uri, true);
+  std::unique_ptr<Impl> impl = Impl::connect(uri, true);
   impl->label = *object;
   impl->require_mechanism(CKM_EC_EDWARDS_KEY_PAIR_GEN, CKF_GENERATE_KEY_PAIR,
                           "Ed25519 key generation (CKM_EC_EDWARDS_KEY_PAIR_GEN)", "make an Ed25519 key");

@@ -29,25 +29,17 @@ bool allowed_unescaped(char c, bool in_query) {
   return in_query ? (c == '/' || c == '?' || c == '|') : c == '&';
 }
 
-int hex_digit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 std::string decode_value(std::string_view value, const std::string& name, bool in_query) {
   std::string out;
   for (std::size_t i = 0; i < value.size(); ++i) {
     char c = value[i];
     if (c == '%') {
-      int hi = i + 2 < value.size() ? hex_digit(value[i + 1]) : -1;
-      int lo = i + 2 < value.size() ? hex_digit(value[i + 2]) : -1;
-      if (hi < 0 || lo < 0) {
+      std::uint8_t byte = 0;
+      if (!hex_decode(value.substr(i + 1, 2), &byte, 1)) {
         throw Error("PKCS#11 URI attribute " + name +
                     " has a broken percent escape (\"%\" must be followed by two hex digits)");
       }
-      out.push_back(static_cast<char>(hi << 4 | lo));
+      out.push_back(static_cast<char>(byte));
       i += 2;
       continue;
     }
@@ -74,14 +66,6 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
   }
 }
 
-bool all_digits(std::string_view text) {
-  if (text.empty()) return false;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-  }
-  return true;
-}
-
 void check_value(const std::string& name, const std::string& value) {
   if (name == "type") {
     static const std::set<std::string> kTypes = {"public", "private", "cert", "secret-key", "data"};
@@ -90,13 +74,13 @@ void check_value(const std::string& name, const std::string& value) {
     }
   } else if (name == "slot-id") {
     // A slot id is a CK_ULONG; twenty digits would not fit one.
-    if (!all_digits(value) || value.size() > 19) {
+    if (!is_plain_number(value) || value.size() > 19) {
       throw Error("PKCS#11 URI slot-id " + shown(value) + " is not a decimal number");
     }
   } else if (name == "library-version") {
     // Each part is one byte of a CK_VERSION.
     auto part_ok = [](std::string_view part) {
-      return all_digits(part) && part.size() <= 3 && std::stoi(std::string(part)) <= 255;
+      return is_plain_number(part) && part.size() <= 3 && std::stoi(std::string(part)) <= 255;
     };
     std::size_t dot = value.find('.');
     bool ok = dot == std::string::npos

@@ -76,11 +76,7 @@ void finish_release_common(const Args& args, ReleaseCommon& common) {
     // The signer is not known yet. The key changes are still checked among themselves;
     // whether the signature comes from the newest key of the run (or the spare key) is
     // for `ota-publish check` to see once the source is signed.
-    const ChainLine* newest = nullptr;
-    for (const ChainLine& line : lines) {
-      if (newest == nullptr || line.generation > newest->generation) newest = &line;
-    }
-    if (newest != nullptr) common.key_public = newest->key;
+    if (const ChainLine* newest = newest_chain_line(lines)) common.key_public = newest->key;
   } else {
     common.key = PrivateKey::load(args.required("--key"));
     common.key_public = common.key->public_key();
@@ -105,11 +101,7 @@ void print_unsigned_note(const ReleaseCommon& common, const std::vector<std::str
   std::printf("ota-publish: not signed yet; sign%s\n", names.c_str());
   std::printf("ota-publish: (ota-publish sign --key KEY %s), then ota-publish check it before serving it\n",
               common.out.c_str());
-  const ChainLine* newest = nullptr;
-  for (const ChainLine& line : common.chain) {
-    if (newest == nullptr || line.generation > newest->generation) newest = &line;
-  }
-  if (newest != nullptr) {
+  if (const ChainLine* newest = newest_chain_line(common.chain)) {
     std::printf("ota-publish: KEY must be the key of generation %llu (%s) or the spare key\n",
                 static_cast<unsigned long long>(newest->generation), newest->key_field.c_str());
   }

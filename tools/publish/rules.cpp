@@ -69,9 +69,13 @@ std::string public_key_problem(const PublicKey& key) {
   }
 }
 
-void check_public_key(const PublicKey& key, const std::string& what) {
+std::string public_key_refusal(const PublicKey& key, const std::string& what) {
   std::string problem = public_key_problem(key);
-  if (!problem.empty()) throw Error(what + " " + hex_lower(key.data(), key.size()) + " " + problem);
+  return problem.empty() ? "" : what + " " + hex_lower(key.data(), key.size()) + " " + problem;
+}
+
+void check_public_key(const PublicKey& key, const std::string& what) {
+  if (std::string refusal = public_key_refusal(key, what); !refusal.empty()) throw Error(refusal);
 }
 
 void check_field_text(std::string_view value, const std::string& what) {

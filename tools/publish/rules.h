@@ -16,7 +16,9 @@ namespace publish {
 // makes every signature fail, and a key of small order lets anyone forge signatures,
 // since devices check the equation without the cofactor. The text follows "key ... ".
 std::string public_key_problem(const PublicKey& key);
-// Throws an Error naming `what` when public_key_problem finds one.
+// The problem as a whole message, naming `what` and the key, or "" when there is none.
+std::string public_key_refusal(const PublicKey& key, const std::string& what);
+// Throws that message as an Error when there is one.
 void check_public_key(const PublicKey& key, const std::string& what);
 
 // Refuses an empty value and any control character (TAB and LF end a field or a line on

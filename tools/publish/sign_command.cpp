@@ -37,13 +37,16 @@ namespace {
 struct Signing {
   std::string path;
   Bytes data;
+  std::string sha;  // SHA-256 of data in hex, for the report
 };
 
 class Collection {
  public:
-  void add(const std::string& path, Bytes data) {
+  // sha: the data's SHA-256 in hex when the caller has it already.
+  void add(const std::string& path, Bytes data, std::string sha = "") {
     if (!seen_.insert(path).second) return;
-    items_.push_back({path, std::move(data)});
+    if (sha.empty()) sha = sha256_hex(data);
+    items_.push_back({path, std::move(data), std::move(sha)});
   }
   void add_file(const std::string& path) {
     std::string name = base_name(path);
@@ -93,11 +96,12 @@ void Collection::add_source(const std::string& given) {
     check_download_name(file.whole, limits::kPackageFile, where + ": package file name");
     std::string path = dir + "/" + file.whole;
     Bytes data = read_file(path, "package file");
-    if (std::to_string(data.size()) != length.whole || sha256_hex(data) != sha.whole) {
+    std::string digest = sha256_hex(data);
+    if (std::to_string(data.size()) != length.whole || digest != sha.whole) {
       throw Error("package file " + shown(path) + " is not what " + where +
                   " announces (length or SHA-256); it changed after the catalog was made");
     }
-    add(path, std::move(data));
+    add(path, std::move(data), std::move(digest));
   }
 }
 
@@ -141,7 +145,7 @@ int sign_command(int argc, char** argv) {
   }
   for (const Signing& item : items) {
     std::printf("ota-publish: wrote %s.sig (%zu bytes signed, SHA-256 %s)\n", item.path.c_str(), item.data.size(),
-                sha256_hex(item.data).c_str());
+                item.sha.c_str());
   }
   PublicKey pub = key.public_key();
   std::printf("ota-publish: %zu signature(s) by %s\n", items.size(), hex_lower(pub.data(), pub.size()).c_str());

@@ -66,6 +66,14 @@ bool hex_decode(std::string_view text, std::uint8_t* out, std::size_t n) {
   return true;
 }
 
+bool is_plain_number(std::string_view text) {
+  if (text.empty()) return false;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+  }
+  return true;
+}
+
 std::string sha256_hex(const std::uint8_t* data, std::size_t n) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int len = 0;

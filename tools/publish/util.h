@@ -34,6 +34,8 @@ std::string hex_lower(const std::uint8_t* bytes, std::size_t n);
 std::string hex_lower(const Bytes& bytes);
 // Exactly 2n hex digits of either case into n bytes; false for anything else.
 bool hex_decode(std::string_view text, std::uint8_t* out, std::size_t n);
+// Decimal digits only, at least one: no sign, no blanks.
+bool is_plain_number(std::string_view text);
 
 std::string sha256_hex(const std::uint8_t* data, std::size_t n);
 std::string sha256_hex(const Bytes& data);
