@@ -43,7 +43,10 @@ namespace {
 // one replacement is in progress at a time.
 char temporary[kReplacePathLimit + 4];
 
+// Null for a path too long (or empty) to have one: such a file is written directly.
 [[gnu::noinline]] const char* temporary_name(const char* path) {
+  usize len = str_len(path);
+  if (len == 0 || len >= kReplacePathLimit) return nullptr;
   str_append_at(temporary, str_copy(temporary, path), ".nw");
   return temporary;
 }
@@ -54,23 +57,24 @@ i64 read_replaced_file(const char* path, void* buf, usize cap) {
   i64 n = read_file(path, buf, cap);
   // Only a replacement cut short between the removal of the old file and the rename of the
   // new one leaves the temporary file without the file: that rename is finished here.
-  if (n < 0 && !is_error(sys_rename(temporary_name(path), path))) n = read_file(path, buf, cap);
+  if (n < 0) {
+    const char* temporary_path = temporary_name(path);
+    if (temporary_path && !is_error(sys_rename(temporary_path, path))) n = read_file(path, buf, cap);
+  }
   return n;
 }
 
 bool replace_file(const char* path, const void* data, usize n) {
-  usize len = str_len(path);
-  if (len != 0 && len < kReplacePathLimit) {
-    temporary_name(path);
-    remove_file(temporary);
-    if (!write_file(temporary, data, n)) {
-      remove_file(temporary);
+  if (const char* temporary_path = temporary_name(path)) {
+    remove_file(temporary_path);
+    if (!write_file(temporary_path, data, n)) {
+      remove_file(temporary_path);
       return false;
     }
     // The kernel's rename does not replace an existing file, so the target goes first.
     remove_file(path);
-    if (!is_error(sys_rename(temporary, path))) return true;
-    remove_file(temporary);
+    if (!is_error(sys_rename(temporary_path, path))) return true;
+    remove_file(temporary_path);
   }
   remove_file(path);
   return write_file(path, data, n);
