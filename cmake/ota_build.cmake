@@ -14,8 +14,8 @@ set(OTA_SOURCE_DIR ${CMAKE_SOURCE_DIR}/ota)
 file(GLOB_RECURSE OTA_SOURCES CONFIGURE_DEPENDS ${OTA_SOURCE_DIR}/*.cpp)
 # The entry and the memory functions the compiler calls belong to the device program only;
 # on the host the C library provides both.
-list(FILTER OTA_SOURCES EXCLUDE REGEX "/ota/device/")
-set(OTA_DEVICE_ONLY_SOURCES ${OTA_SOURCE_DIR}/device/start.cpp ${OTA_SOURCE_DIR}/device/memory.cpp)
+file(GLOB OTA_DEVICE_ONLY_SOURCES CONFIGURE_DEPENDS ${OTA_SOURCE_DIR}/device/*.cpp)
+list(REMOVE_ITEM OTA_SOURCES ${OTA_DEVICE_ONLY_SOURCES})
 
 function(ota_add_build name kind)
   if(kind STREQUAL "DEVICE")
@@ -28,7 +28,8 @@ function(ota_add_build name kind)
       -ffunction-sections -fdata-sections -Os -Wall -Wextra)
     # Hashing files and unpacking them are the hot paths and are built for speed. Signature
     # checks run a few times per command; built for size they cost about 4% of their time.
-    file(GLOB hot_sources CONFIGURE_DEPENDS ${OTA_SOURCE_DIR}/trust/sha256.cpp ${OTA_SOURCE_DIR}/gzip/*.cpp)
+    set(hot_sources ${OTA_SOURCES})
+    list(FILTER hot_sources INCLUDE REGEX "/(trust/sha256|gzip/[^/]*)\\.cpp$")
     set_source_files_properties(${hot_sources} TARGET_DIRECTORY ${name} PROPERTIES COMPILE_OPTIONS -O2)
     # Without loop-idiom recognition, so that the loops of memcpy and memset do not turn
     # into calls to themselves.

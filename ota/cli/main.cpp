@@ -21,8 +21,6 @@ int usage_short() {
   return 1;
 }
 
-int run_system(ArgBlock block, u64 n) { return system_command(block, n); }
-
 int run_fetch_command(ArgBlock block, u64 n) {
   // With fewer words "fetch" is no command at all and ends in the usage line.
   if (n < 4) return usage_short();
@@ -46,7 +44,7 @@ int run_boot(ArgBlock block, u64) { return boot_command(arg_word(block, 2)); }
 int run_settings(ArgBlock, u64) { return cmd_settings(); }
 
 int run_set(ArgBlock block, u64 n) {
-  if (n < 4) return fail("ota: not a key: quelle name abstand auto frist kanal gesund", nullptr);
+  if (n < 4) return fail(kNotAKey, nullptr);
   return cmd_set(arg_word(block, 2), arg_word(block, 3));
 }
 
@@ -57,7 +55,7 @@ struct Command {
 
 // Chosen by the first word; every comparison is whole and case-sensitive.
 constexpr Command kCommands[] = {
-    {"system", run_system},     {"fetch", run_fetch_command}, {"show", run_show},
+    {"system", system_command},     {"fetch", run_fetch_command}, {"show", run_show},
     {"search", run_search},     {"apply", run_apply},         {"confirm", run_confirm},
     {"rollback", run_rollback}, {"watchdog", run_watchdog},   {"service", run_service},
     {"boot", run_boot},         {"settings", run_settings},   {"set", run_set},

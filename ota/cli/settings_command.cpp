@@ -16,7 +16,6 @@ constexpr ListedKey kListedKeys[] = {
     {"quelle", "  quelle   "}, {"name", "  name     "}, {"abstand", "  abstand  "}, {"auto", "  auto     "},
     {"frist", "  frist    "},  {"kanal", "  kanal    "}, {"gesund", "  gesund   "},
 };
-constexpr const char* kNotAKey = "ota: not a key: quelle name abstand auto frist kanal gesund";
 // Keys are at most 7 bytes; the prefix adds the "=".
 constexpr usize kPrefixBytes = 16;
 

@@ -10,8 +10,6 @@ namespace ota {
 // The status every task ended by end_task gets: that of a task killed by signal 9
 // (128 + 9), which is what ending it from outside is.
 constexpr u64 kEndTaskStatus = 137;
-// The start-up check looks at kHealthSlots slots, the scans that end tasks or look for a
-// background apply at kTaskSlots; the two differ on purpose.
 
 i64 run_program(const char* path, const char* const* words, u64 count);
 i64 wait_exit(u64 pid);

@@ -13,8 +13,6 @@ constexpr usize kSha256DigestBytes = 32;
 // the terminating zero. A hash text of any other length in a catalog or record is no hash.
 constexpr usize kDigestHexLength = 2 * kSha256DigestBytes;
 constexpr usize kDigestHexBytes = kDigestHexLength + 1;
-// sha256_file reads through one buffer of kSha256ReadBytes, so no file is ever held
-// whole.
 
 void sha256_init();
 void sha256_update(const void* bytes, usize length);
