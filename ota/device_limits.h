@@ -273,6 +273,19 @@ constexpr usize kLineBytes = 512;
 constexpr usize kDecimalBytes = 22;
 
 // ---------------------------------------------------------------------------------------
+// Directories and file names that paths are assembled from
+
+// Downloads and fetched files live here; made with mkdir right before first use.
+constexpr const char* kWorkDir = "/tmp/ota";
+// The overlay's new files are staged here, and the files they replace are kept here.
+constexpr const char* kStagingDir = "/system/new";
+constexpr const char* kBackupDir = "/system/old";
+// Where the EFI system partition is mounted, and the two kernel slots' names on it.
+constexpr const char* kEspMount = "/sysesp";
+constexpr const char* kSlotAEnding = "/tavi.mb";
+constexpr const char* kSlotBEnding = "/tavi-b.mb";
+
+// ---------------------------------------------------------------------------------------
 // Bounds the assemblies of paths and URLs rely on, checked here once.
 
 // A URL made from a catalog: the source, "/", the channel, "/", a file name and ".sig".
@@ -282,18 +295,22 @@ static_assert(characters_kept(kSourceBytes) + 1 + characters_kept(kChannelBytes)
               "every URL a catalog can ask for fits the URL buffer");
 static_assert(characters_kept(kEntryNameBytes) < characters_kept(kPackageFieldBytes),
               "a system download name is shorter than a package file name");
-// A working file: "/tmp/ota/" (9), a package file name and ".sig", or a download name.
-static_assert(9 + characters_kept(kPackageFieldBytes) + kSignatureSuffixLength < kUrlBytes,
+// A working file: the work directory, "/", a package file name and ".sig", or a download
+// name.
+static_assert(text_length(kWorkDir) + 1 + characters_kept(kPackageFieldBytes) + kSignatureSuffixLength < kUrlBytes,
               "a package file's path under /tmp/ota fits a URL-sized buffer");
-static_assert(9 + characters_kept(kEntryNameBytes) < kEntryWorkPathBytes,
+static_assert(text_length(kWorkDir) + 1 + characters_kept(kEntryNameBytes) < kEntryWorkPathBytes,
               "a download name's path under /tmp/ota fits its buffer");
-// Overlay paths: "/system/new" (11), "/", and a target of at most 60 characters, or
-// "/bin/" and a field of 59.
-static_assert(11 + 1 + kTargetLongest < kOverlayPathBytes, "a staging path fits");
+// Overlay paths: the staging or backup directory, "/", and a target of at most 60
+// characters, or "/bin/" and a field of 59.
+static_assert(text_length(kStagingDir) + 1 + kTargetLongest < kOverlayPathBytes, "a staging path fits");
+static_assert(text_length(kBackupDir) + 1 + kTargetLongest < kOverlayPathBytes, "a backup path fits");
 static_assert(text_length(kProgramDirectory) + characters_kept(kTargetBytes) < kOverlayPathBytes,
               "a program's real path fits");
-// "/sysesp" (7), a kernel directory and "/tavi-b.mb" (10).
-static_assert(7 + characters_kept(kKernelDirBytes) + 10 < kSlotPathBytes, "a kernel slot path fits");
+// The mount point, a kernel directory and the longer slot name.
+static_assert(text_length(kEspMount) + characters_kept(kKernelDirBytes) + text_length(kSlotBEnding) < kSlotPathBytes,
+              "a kernel slot path fits");
+static_assert(text_length(kSlotAEnding) <= text_length(kSlotBEnding), "slot B's name is the longer one");
 // A journal line, flag and LF included, fits the room kept for it and the line read back.
 static_assert(1 + characters_kept(kLinkBytes) + 1 + characters_kept(kLinkBytes) + 1 <= kJournalLinkReserve,
               "a link line fits the room kept for it");

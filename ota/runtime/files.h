@@ -7,9 +7,6 @@
 
 namespace ota {
 
-// Downloads and fetched files live here; made with mkdir right before first use.
-constexpr const char* kWorkDir = "/tmp/ota";
-
 i64 read_file(const char* path, void* buf, usize cap);
 bool write_file(const char* path, const void* data, usize n);
 bool replace_file(const char* path, const void* data, usize n);

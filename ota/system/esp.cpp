@@ -68,8 +68,8 @@ bool mount_esp() {
   if (n >= 1 && n < static_cast<i64>(kMenuTextBytes) && find_first_entry_kernel_dir(esp_menu_text, static_cast<usize>(n))) {
     dir = menu_kernel_dir();
   }
-  build_slot_path(slot_a_path, dir, "/tavi.mb");
-  build_slot_path(slot_b_path, dir, "/tavi-b.mb");
+  build_slot_path(slot_a_path, dir, kSlotAEnding);
+  build_slot_path(slot_b_path, dir, kSlotBEnding);
   return true;
 }
 

@@ -7,8 +7,6 @@
 
 namespace ota {
 
-constexpr const char* kEspMount = "/sysesp";
-
 extern char slot_a_path[kSlotPathBytes];
 extern char slot_b_path[kSlotPathBytes];
 

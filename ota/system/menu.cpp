@@ -25,8 +25,6 @@ constexpr usize kDefaultKeyLength = text_length(kDefaultKey);
 constexpr usize kDefaultTwoLength = text_length(kDefaultTwo);
 // The digit of "default_entry: 2", counted from its first byte: its last.
 constexpr usize kDefaultDigitOffset = kDefaultTwoLength - 1;
-constexpr const char* kSlotAEnding = "/tavi.mb";
-constexpr const char* kSlotBEnding = "/tavi-b.mb";
 // Below this the output could not even hold the added default line and a short entry.
 constexpr usize kSmallestOutput = 64;
 

@@ -8,8 +8,6 @@
 namespace ota {
 
 constexpr const char* kJournalPath = "/system/SYSOVL";
-constexpr const char* kStagingDir = "/system/new";
-constexpr const char* kBackupDir = "/system/old";
 
 enum class ReplayMode { install, restore, commit };
 
