@@ -28,13 +28,6 @@ constexpr size_t kOkDigit = ota::kTrialOkOffset;
 
 constexpr const char* kFirmwareFile = "/firmware.state";
 
-// Where the stand-in image asks to be loaded (1 MiB, the usual multiboot1 load address)
-// and the framebuffer it asks for.
-constexpr uint32_t kStandInLoadAddress = 0x100000;
-constexpr uint32_t kStandInWidth = 1024;
-constexpr uint32_t kStandInHeight = 768;
-constexpr uint32_t kStandInDepth = 32;
-
 // One line of the menu with where it starts and where its text ends (before a CR and LF).
 struct MenuLine {
   size_t start = 0;
@@ -137,16 +130,6 @@ std::vector<MenuEntry> menu_entries(const std::vector<MenuLine>& lines) {
   return entries;
 }
 
-uint32_t le32(std::string_view s, size_t at) {
-  uint32_t v = 0;
-  for (int i = 3; i >= 0; i--) v = (v << 8) | static_cast<unsigned char>(s[at + static_cast<size_t>(i)]);
-  return v;
-}
-
-void put_le32(std::string& s, size_t at, uint32_t v) {
-  for (size_t i = 0; i < 4; i++) s[at + i] = static_cast<char>((v >> (8 * i)) & 0xff);
-}
-
 }  // namespace
 
 MenuChoice choose_boot_entry(std::string_view text, const BootSelection& selection) {
@@ -242,27 +225,12 @@ std::string menu_with_default_one(std::string_view text) {
   return out;
 }
 
-Multiboot1Header find_multiboot1_header(std::string_view image) {
-  Multiboot1Header h;
-  size_t limit = std::min(image.size(), kMultiboot1SearchBytes);
-  for (size_t at = 0; at + 12 <= limit; at += 4) {
-    if (le32(image, at) != kMultiboot1Magic) continue;
-    h.found = true;
-    h.offset = at;
-    h.flags = le32(image, at + 4);
-    h.checksum = le32(image, at + 8);
-    h.checksum_ok = static_cast<uint32_t>(kMultiboot1Magic + h.flags + h.checksum) == 0;
-    return h;
-  }
-  return h;
-}
-
 std::string multiboot1_refusal(std::string_view image) {
-  if (image.size() < 12) return "Kernel file too small to contain header";
+  if (image.size() < kernel_image::kMultiboot1WordsBytes) return "Kernel file too small to contain header";
   Multiboot1Header h = find_multiboot1_header(image);
   if (!h.found) return "multiboot1: no header in the first 8192 bytes";
   if (!h.checksum_ok) return "multiboot1: the header checksum is wrong";
-  if (!(h.flags & kMultiboot1VideoFlag)) return "PANIC: multiboot1: Cannot use text mode with UEFI.";
+  if (!(h.flags & kernel_image::kMultiboot1VideoFlag)) return "PANIC: multiboot1: Cannot use text mode with UEFI.";
   return "";
 }
 
@@ -283,27 +251,11 @@ KernelImage read_kernel_image(std::string_view image) {
 }
 
 std::string stand_in_kernel(uint64_t build, const std::string& commit, bool healthy, size_t size) {
-  std::string s = "TAVI-KERNEL build=" + std::to_string(build) + " commit=" + commit +
-                  (healthy ? " health=good\n" : " health=broken\n");
-  size_t at = (s.size() + 3) / 4 * 4;
-  size = std::max(size, at + kMultiboot1HeaderBytes);
+  std::string s = kernel_image::stand_in_first_line(build, commit, healthy);
+  size_t at = kernel_image::stand_in_header_offset(s.size());
+  size = std::max(size, at + kernel_image::kMultiboot1HeaderBytes);
   for (size_t i = s.size(); i < size; i++) s += static_cast<char>(i % 251);
-  // The image is no ELF file, so the header gives its load addresses (flag 16): the file
-  // is loaded whole at 1 MiB and entered right after the header.
-  uint32_t flags = kMultiboot1VideoFlag | kMultiboot1AddressFlag;
-  uint32_t words[] = {kMultiboot1Magic,
-                      flags,
-                      static_cast<uint32_t>(0u - kMultiboot1Magic - flags),
-                      kStandInLoadAddress + static_cast<uint32_t>(at),  // header_addr
-                      kStandInLoadAddress,                              // load_addr
-                      0,                                                // load_end_addr: the whole file
-                      0,                                                // bss_end_addr: none
-                      kStandInLoadAddress + static_cast<uint32_t>(at + kMultiboot1HeaderBytes),  // entry_addr
-                      0,  // mode_type: a linear framebuffer
-                      kStandInWidth,
-                      kStandInHeight,
-                      kStandInDepth};
-  for (size_t i = 0; i < sizeof words / sizeof words[0]; i++) put_le32(s, at + 4 * i, words[i]);
+  kernel_image::put_stand_in_header(s, at);
   return s;
 }
 
