@@ -6,7 +6,6 @@
 #include <cctype>
 #include <cstdio>
 #include <optional>
-#include <sstream>
 
 #include "host.h"
 #include "kernel.h"
@@ -264,10 +263,8 @@ FirmwareState read_firmware_state(const std::string& device_dir) {
   std::string path = device_dir + kFirmwareFile;
   auto text = read_host_file(path);
   if (!text) return s;
-  std::istringstream in(*text);
-  std::string line;
   int no = 0;
-  while (std::getline(in, line)) {
+  for (const std::string& line : text_lines(*text)) {
     no++;
     if (line.empty() || line[0] == '#') continue;
     size_t tab = line.find('\t');

@@ -12,20 +12,12 @@ namespace tavisim {
 
 KernelState parse_kernel_state(const std::string& text, const std::string& origin) {
   KernelState s;
-  std::istringstream in(text);
-  std::string line;
   int no = 0;
-  while (std::getline(in, line)) {
+  for (const std::string& line : text_lines(text)) {
     no++;
     if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> f;
-    size_t i = 0;
-    for (;;) {
-      size_t t = line.find('\t', i);
-      f.push_back(unescape_field(line.substr(i, t == std::string::npos ? std::string::npos : t - i)));
-      if (t == std::string::npos) break;
-      i = t + 1;
-    }
+    std::vector<std::string> f = tab_fields(line);
+    for (std::string& field : f) field = unescape_field(field);
     auto bad = [&]() { return SimError(origin + ":" + std::to_string(no) + ": cannot read: " + line); };
     auto number = [&](size_t k) {
       int64_t v;

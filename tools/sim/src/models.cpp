@@ -73,22 +73,9 @@ struct IndexEntry {
 
 std::vector<IndexEntry> parse_index(const std::string& text) {
   std::vector<IndexEntry> out;
-  size_t i = 0;
-  while (i < text.size()) {
-    size_t n = text.find('\n', i);
-    if (n == std::string::npos) n = text.size();
-    std::string line = text.substr(i, n - i);
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    std::vector<std::string> f;
-    size_t k = 0;
-    for (;;) {
-      size_t t = line.find('\t', k);
-      f.push_back(line.substr(k, t == std::string::npos ? std::string::npos : t - k));
-      if (t == std::string::npos) break;
-      k = t + 1;
-    }
+  for (const std::string& line : text_lines(text)) {
+    std::vector<std::string> f = tab_fields(line);
     if (f.size() >= 3 && !f[0].empty()) out.push_back({f[0], f[1], f[2]});
-    i = n + 1;
   }
   return out;
 }
