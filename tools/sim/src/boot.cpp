@@ -10,6 +10,7 @@
 #include "host.h"
 #include "kernel.h"
 #include "tavisim/esp.h"
+#include "trial_record.h"
 
 namespace tavisim {
 
@@ -18,12 +19,9 @@ namespace {
 // The boot disks the firmware looks at, in this order; other images come after them.
 const char* kBootDisks[] = {"sda1", "nvme01", "hda1"};
 
-constexpr const char* kTrialRecord = "/system/ERPROBUNG";
 // The trial record's layout is the device's own (device_limits.h); bytes 28-29 hold the
 // start count "v=NN".
-constexpr size_t kTrialRecordBytes = ota::kTrialRecordBytes;
 constexpr size_t kStartCountDigits = ota::kTrialStartCountOffset;
-constexpr size_t kOkDigit = ota::kTrialOkOffset;
 
 constexpr const char* kFirmwareFile = "/firmware.state";
 
@@ -381,15 +379,15 @@ BootResult Kernel::boot(const BootOptions& options) {
   // itself. Past the allowed number it falls back to entry 1, and makes that lasting: it
   // sets the menu's default to entry 1 on the ESP, so a trial that ends without the
   // counter (confirmed, rolled back, removed) cannot lead back to the entry that failed.
-  auto record = fs_.read(kTrialRecord);
-  if (record && record->size() == kTrialRecordBytes && (*record)[kOkDigit] == '0') {
+  auto record = fs_.read(kTrialRecordPath);
+  if (trial_open(record)) {
     int v = 0;
     for (size_t i = kStartCountDigits; i < kStartCountDigits + 2; i++)
       v = v * 10 + (isdigit(static_cast<unsigned char>((*record)[i])) ? (*record)[i] - '0' : 0);
     v = std::min(v + 1, 99);
     (*record)[kStartCountDigits] = static_cast<char>('0' + v / 10);
     (*record)[kStartCountDigits + 1] = static_cast<char>('0' + v % 10);
-    fs_.write(kTrialRecord, *record);
+    fs_.write(kTrialRecordPath, *record);
     b.trial_starts = v;
     if (v > cfg_.boot_tries && m.entry != 1) {
       b.fallback = true;

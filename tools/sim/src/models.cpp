@@ -15,6 +15,7 @@
 
 #include "host.h"
 #include "kernel.h"
+#include "trial_record.h"
 
 namespace tavisim {
 
@@ -103,7 +104,6 @@ std::string format_installed(const std::vector<std::pair<std::string, std::strin
 
 constexpr const char* kTpkState = "/system/tpk";
 constexpr const char* kTpkInstalled = "/system/tpk/installed";
-constexpr const char* kTrialRecord = "/system/ERPROBUNG";
 constexpr const char* kGeneration = "/system/AKTUELL";
 // A trial record is exactly this long (the device's own layout); byte 34 is its ok digit.
 constexpr size_t kTrialRecordBytes = ota::kTrialRecordBytes;
@@ -351,17 +351,15 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
     if (!entry) return 2;
     if (!fs_.exists(source + "/" + entry->file)) return 3;
     auto list = installed();
-    auto record = fs_.read(kTrialRecord);
-    bool open = record && record->size() == kTrialRecordBytes && (*record)[kTrialOkDigit] == '0';
-    if (!open) {
+    auto record = fs_.read(kTrialRecordPath);
+    if (!trial_open(record)) {
       // The first update opens a trial: a new generation, the old list kept as `vor`.
       uint64_t before = read_number(fs_, kGeneration);
       uint64_t gen = before + 1;
       fs_.make_dirs(std::string(kTpkState) + "/gen");
       if (!fs_.write(std::string(kTpkState) + "/gen/" + eight_digits(before), format_installed(list))) return 4;
       if (!fs_.write(kGeneration, eight_digits(gen) + "\n")) return 4;
-      std::string rec = "gen=" + eight_digits(gen) + " vor=" + eight_digits(before) + " v=00 ok=0\n";
-      if (!fs_.write(kTrialRecord, rec)) return 4;
+      if (!fs_.write(kTrialRecordPath, open_trial_record(gen, before))) return 4;
     }
     bool replaced = false;
     for (auto& [n, v] : list)
@@ -376,10 +374,10 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
   if (verb == "trial") {
     if (int code = configured_failure("trial")) return code;
     if (w.size() < 3 || w[2] != "ok") return 64;
-    auto record = fs_.read(kTrialRecord);
+    auto record = fs_.read(kTrialRecordPath);
     if (!record || record->size() != kTrialRecordBytes) return 1;
     (*record)[kTrialOkDigit] = '1';
-    return fs_.write(kTrialRecord, *record) ? 0 : 1;
+    return fs_.write(kTrialRecordPath, *record) ? 0 : 1;
   }
 
   if (verb == "rollback") {
@@ -391,7 +389,7 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
     if (!snapshot) return 2;
     if (!fs_.write(kTpkInstalled, *snapshot)) return 4;
     if (!fs_.write(kGeneration, eight_digits(gen) + "\n")) return 4;
-    fs_.remove(kTrialRecord);
+    fs_.remove(kTrialRecordPath);
     return 0;
   }
 
