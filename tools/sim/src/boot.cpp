@@ -276,16 +276,19 @@ FirmwareState read_firmware_state(const std::string& device_dir) {
   return s;
 }
 
+namespace {
+
 std::string format_firmware_state(const FirmwareState& s) {
   std::string text = "# tavi-sim firmware state: the boot loader's variables, kept across restarts\n";
   if (!s.last_booted_entry.empty()) text += "last-booted-entry\t" + escape_field(s.last_booted_entry) + "\n";
   return text;
 }
 
+}  // namespace
+
 void write_firmware_state(const std::string& device_dir, const FirmwareState& s) {
   std::string path = device_dir + kFirmwareFile;
-  write_host_file(path + ".nw", format_firmware_state(s));
-  if (rename((path + ".nw").c_str(), path.c_str()) != 0) throw SimError("cannot write " + path);
+  if (!replace_host_file(path, format_firmware_state(s))) throw SimError("cannot write " + path);
 }
 
 BootResult Kernel::boot(const BootOptions& options) {

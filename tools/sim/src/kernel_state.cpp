@@ -1,7 +1,5 @@
 #include "kernel_state.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 #include <sstream>
 #include <vector>
@@ -66,11 +64,8 @@ KernelState KernelStateFile::load() {
 void KernelStateFile::save(const KernelState& s) {
   std::string text = format_kernel_state(s);
   if (text == saved_) return;
-  // Written beside and renamed over, so that a simulator ended halfway leaves the old state
-  // whole rather than half a new one.
-  std::string tmp = dir_ + "/kernel.state.nw";
-  write_host_file(tmp, text);
-  rename(tmp.c_str(), (dir_ + "/kernel.state").c_str());
+  // A failed rename leaves the old state whole; the simulator goes on as before.
+  replace_host_file(dir_ + "/kernel.state", text);
   saved_ = text;
 }
 

@@ -72,7 +72,6 @@ struct FirmwareState {
 };
 FirmwareState read_firmware_state(const std::string& device_dir);
 void write_firmware_state(const std::string& device_dir, const FirmwareState& state);
-std::string format_firmware_state(const FirmwareState& state);
 
 struct BootResult {
   bool booted = false;
