@@ -372,11 +372,21 @@ BootResult Kernel::boot(const BootOptions& options) {
     return kernel;
   };
   if (!load(m)) return stuck(b.stuck, &m);
-
-  std::vector<std::string> fields = {"disk=" + b.disk, "entry=" + std::to_string(b.entry), "kernel=" + b.kernel_path,
-                                     "build=" + b.kernel.build, "commit=" + b.kernel.commit,
-                                     b.kernel.healthy ? "health=good" : "health=broken"};
   std::vector<std::string> how = chosen_fields(m);
+  // The event of a start that got as far as a kernel: the kernel loaded, then what the
+  // trial counting did.
+  auto started = [&] {
+    std::vector<std::string> fields = {"disk=" + b.disk,          "entry=" + std::to_string(b.entry),
+                                       "kernel=" + b.kernel_path, "build=" + b.kernel.build,
+                                       "commit=" + b.kernel.commit, b.kernel.healthy ? "health=good" : "health=broken"};
+    if (b.trial_starts >= 0) fields.push_back("starts=" + std::to_string(b.trial_starts));
+    fields.insert(fields.end(), how.begin(), how.end());
+    if (b.fallback) fields.push_back("fallback");
+    if (b.menu_reset) fields.push_back("menu-default=1");
+    if (b.restarted) fields.push_back("restart");
+    log("boot", 0, fields);
+    save_state();
+  };
 
   // The kernel that started counts the starts of an unconfirmed trial in the trial record
   // itself. Past the allowed number it falls back to entry 1, and makes that lasting: it
@@ -408,20 +418,11 @@ BootResult Kernel::boot(const BootOptions& options) {
       if (!next.problem.empty()) return stuck(next.problem, &next);
       if (next.entry != 1) {
         b.restarted = true;
-        fields.push_back("starts=" + std::to_string(b.trial_starts));
-        fields.insert(fields.end(), how.begin(), how.end());
-        fields.push_back("fallback");
-        if (b.menu_reset) fields.push_back("menu-default=1");
-        fields.push_back("restart");
-        log("boot", 0, fields);
-        save_state();
+        started();
         return b;
       }
       b.kernel = KernelImage{};
       if (!load(next)) return stuck(b.stuck, &next);
-      fields = {"disk=" + b.disk, "entry=" + std::to_string(b.entry), "kernel=" + b.kernel_path,
-                "build=" + b.kernel.build, "commit=" + b.kernel.commit,
-                b.kernel.healthy ? "health=good" : "health=broken"};
       how.clear();
     }
   }
@@ -430,12 +431,7 @@ BootResult Kernel::boot(const BootOptions& options) {
   fs_.write("/proc/version", "tavi " + b.kernel.build + " build " + b.kernel.commit + " (tavi-sim stand-in kernel)\n");
   st_.healthy = b.kernel.healthy;
   b.booted = true;
-  if (b.trial_starts >= 0) fields.push_back("starts=" + std::to_string(b.trial_starts));
-  fields.insert(fields.end(), how.begin(), how.end());
-  if (b.fallback) fields.push_back("fallback");
-  if (b.menu_reset) fields.push_back("menu-default=1");
-  log("boot", 0, fields);
-  save_state();
+  started();
 
   if (options.start_entry && !cfg_.start_entry.empty()) {
     std::vector<std::string> argv = {"/bin/ota"};

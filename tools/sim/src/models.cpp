@@ -304,6 +304,12 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
     return it == cfg_.tpk_fail.end() ? 0 : it->second;
   };
   auto installed = [&]() { return parse_installed(fs_.read(kTpkInstalled).value_or("")); };
+  // With signed indexes asked for, an INDEX no trusted key signed is refused, and noted.
+  auto index_refused = [&](const std::string& dir, const std::string& index) {
+    if (!cfg_.tpk_index_signed || index_signed(fs_, dir, index)) return false;
+    log("tpk", t.pid, {"index-refused", dir + "/INDEX"});
+    return true;
+  };
   fs_.make_dirs(kTpkState);
 
   if (verb == "catalog") {
@@ -316,10 +322,7 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
     }
     auto index = fs_.read(w[2] + "/INDEX");
     if (!index) return 1;
-    if (cfg_.tpk_index_signed && !index_signed(fs_, w[2], *index)) {
-      log("tpk", t.pid, {"index-refused", w[2] + "/INDEX"});
-      return kIndexNotSigned;
-    }
+    if (index_refused(w[2], *index)) return kIndexNotSigned;
     auto have = installed();
     std::string out;
     for (auto& e : parse_index(*index)) {
@@ -340,10 +343,7 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
       if (w[i] == "--source") source = w[i + 1];
     auto index = fs_.read(source + "/INDEX");
     if (!index) return 2;
-    if (cfg_.tpk_index_signed && !index_signed(fs_, source, *index)) {
-      log("tpk", t.pid, {"index-refused", source + "/INDEX"});
-      return kIndexNotSigned;
-    }
+    if (index_refused(source, *index)) return kIndexNotSigned;
     const IndexEntry* entry = nullptr;
     auto entries = parse_index(*index);
     for (auto& e : entries)
