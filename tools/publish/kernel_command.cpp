@@ -6,6 +6,7 @@
 
 #include "args.h"
 #include "commands.h"
+#include "kernel_image.h"
 #include "limits.h"
 #include "multiboot.h"
 #include "output.h"
@@ -46,8 +47,7 @@ int kernel_command(int argc, char** argv) {
   check_commit(commit);
   std::uint64_t size = kDefaultSize;
   if (auto text = args.get("--size")) size = parse_number(*text, "image size", kMaxSize);
-  std::string header = "TAVI-KERNEL build=" + std::to_string(build) + " commit=" + commit +
-                       " health=" + (args.has("--broken") ? "broken" : "good") + "\n";
+  std::string header = kernel_image::stand_in_first_line(build, commit, !args.has("--broken"));
   if (size < stand_in_minimum(header)) {
     throw Error("image size " + std::to_string(size) + " is smaller than its first line and multiboot1 header (" +
                 std::to_string(stand_in_minimum(header)) + " bytes)");

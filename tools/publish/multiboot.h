@@ -12,12 +12,6 @@
 
 namespace publish {
 
-constexpr std::uint32_t kMultiboot1Magic = 0x1BADB002;
-constexpr std::size_t kMultiboot1SearchBytes = 8192;
-constexpr std::uint32_t kMultiboot1VideoFlag = 1u << 2;
-constexpr std::uint32_t kMultiboot1AddressFlag = 1u << 16;
-constexpr std::size_t kMultiboot1HeaderBytes = 48;  // up to and with the video mode fields
-
 // Why Limine on UEFI would not start this image; empty when it would.
 std::string multiboot1_problem(const Bytes& image);
 

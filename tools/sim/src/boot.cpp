@@ -6,11 +6,11 @@
 #include <cctype>
 #include <cstdio>
 #include <optional>
-#include <sstream>
 
 #include "host.h"
 #include "kernel.h"
 #include "tavisim/esp.h"
+#include "trial_record.h"
 
 namespace tavisim {
 
@@ -19,21 +19,11 @@ namespace {
 // The boot disks the firmware looks at, in this order; other images come after them.
 const char* kBootDisks[] = {"sda1", "nvme01", "hda1"};
 
-constexpr const char* kTrialRecord = "/system/ERPROBUNG";
 // The trial record's layout is the device's own (device_limits.h); bytes 28-29 hold the
 // start count "v=NN".
-constexpr size_t kTrialRecordBytes = ota::kTrialRecordBytes;
 constexpr size_t kStartCountDigits = ota::kTrialStartCountOffset;
-constexpr size_t kOkDigit = ota::kTrialOkOffset;
 
 constexpr const char* kFirmwareFile = "/firmware.state";
-
-// Where the stand-in image asks to be loaded (1 MiB, the usual multiboot1 load address)
-// and the framebuffer it asks for.
-constexpr uint32_t kStandInLoadAddress = 0x100000;
-constexpr uint32_t kStandInWidth = 1024;
-constexpr uint32_t kStandInHeight = 768;
-constexpr uint32_t kStandInDepth = 32;
 
 // One line of the menu with where it starts and where its text ends (before a CR and LF).
 struct MenuLine {
@@ -137,16 +127,6 @@ std::vector<MenuEntry> menu_entries(const std::vector<MenuLine>& lines) {
   return entries;
 }
 
-uint32_t le32(std::string_view s, size_t at) {
-  uint32_t v = 0;
-  for (int i = 3; i >= 0; i--) v = (v << 8) | static_cast<unsigned char>(s[at + static_cast<size_t>(i)]);
-  return v;
-}
-
-void put_le32(std::string& s, size_t at, uint32_t v) {
-  for (size_t i = 0; i < 4; i++) s[at + i] = static_cast<char>((v >> (8 * i)) & 0xff);
-}
-
 }  // namespace
 
 MenuChoice choose_boot_entry(std::string_view text, const BootSelection& selection) {
@@ -242,27 +222,12 @@ std::string menu_with_default_one(std::string_view text) {
   return out;
 }
 
-Multiboot1Header find_multiboot1_header(std::string_view image) {
-  Multiboot1Header h;
-  size_t limit = std::min(image.size(), kMultiboot1SearchBytes);
-  for (size_t at = 0; at + 12 <= limit; at += 4) {
-    if (le32(image, at) != kMultiboot1Magic) continue;
-    h.found = true;
-    h.offset = at;
-    h.flags = le32(image, at + 4);
-    h.checksum = le32(image, at + 8);
-    h.checksum_ok = static_cast<uint32_t>(kMultiboot1Magic + h.flags + h.checksum) == 0;
-    return h;
-  }
-  return h;
-}
-
 std::string multiboot1_refusal(std::string_view image) {
-  if (image.size() < 12) return "Kernel file too small to contain header";
+  if (image.size() < kernel_image::kMultiboot1WordsBytes) return "Kernel file too small to contain header";
   Multiboot1Header h = find_multiboot1_header(image);
   if (!h.found) return "multiboot1: no header in the first 8192 bytes";
   if (!h.checksum_ok) return "multiboot1: the header checksum is wrong";
-  if (!(h.flags & kMultiboot1VideoFlag)) return "PANIC: multiboot1: Cannot use text mode with UEFI.";
+  if (!(h.flags & kernel_image::kMultiboot1VideoFlag)) return "PANIC: multiboot1: Cannot use text mode with UEFI.";
   return "";
 }
 
@@ -283,27 +248,11 @@ KernelImage read_kernel_image(std::string_view image) {
 }
 
 std::string stand_in_kernel(uint64_t build, const std::string& commit, bool healthy, size_t size) {
-  std::string s = "TAVI-KERNEL build=" + std::to_string(build) + " commit=" + commit +
-                  (healthy ? " health=good\n" : " health=broken\n");
-  size_t at = (s.size() + 3) / 4 * 4;
-  size = std::max(size, at + kMultiboot1HeaderBytes);
+  std::string s = kernel_image::stand_in_first_line(build, commit, healthy);
+  size_t at = kernel_image::stand_in_header_offset(s.size());
+  size = std::max(size, at + kernel_image::kMultiboot1HeaderBytes);
   for (size_t i = s.size(); i < size; i++) s += static_cast<char>(i % 251);
-  // The image is no ELF file, so the header gives its load addresses (flag 16): the file
-  // is loaded whole at 1 MiB and entered right after the header.
-  uint32_t flags = kMultiboot1VideoFlag | kMultiboot1AddressFlag;
-  uint32_t words[] = {kMultiboot1Magic,
-                      flags,
-                      static_cast<uint32_t>(0u - kMultiboot1Magic - flags),
-                      kStandInLoadAddress + static_cast<uint32_t>(at),  // header_addr
-                      kStandInLoadAddress,                              // load_addr
-                      0,                                                // load_end_addr: the whole file
-                      0,                                                // bss_end_addr: none
-                      kStandInLoadAddress + static_cast<uint32_t>(at + kMultiboot1HeaderBytes),  // entry_addr
-                      0,  // mode_type: a linear framebuffer
-                      kStandInWidth,
-                      kStandInHeight,
-                      kStandInDepth};
-  for (size_t i = 0; i < sizeof words / sizeof words[0]; i++) put_le32(s, at + 4 * i, words[i]);
+  kernel_image::put_stand_in_header(s, at);
   return s;
 }
 
@@ -312,10 +261,8 @@ FirmwareState read_firmware_state(const std::string& device_dir) {
   std::string path = device_dir + kFirmwareFile;
   auto text = read_host_file(path);
   if (!text) return s;
-  std::istringstream in(*text);
-  std::string line;
   int no = 0;
-  while (std::getline(in, line)) {
+  for (const std::string& line : text_lines(*text)) {
     no++;
     if (line.empty() || line[0] == '#') continue;
     size_t tab = line.find('\t');
@@ -329,16 +276,19 @@ FirmwareState read_firmware_state(const std::string& device_dir) {
   return s;
 }
 
+namespace {
+
 std::string format_firmware_state(const FirmwareState& s) {
   std::string text = "# tavi-sim firmware state: the boot loader's variables, kept across restarts\n";
   if (!s.last_booted_entry.empty()) text += "last-booted-entry\t" + escape_field(s.last_booted_entry) + "\n";
   return text;
 }
 
+}  // namespace
+
 void write_firmware_state(const std::string& device_dir, const FirmwareState& s) {
   std::string path = device_dir + kFirmwareFile;
-  write_host_file(path + ".nw", format_firmware_state(s));
-  if (rename((path + ".nw").c_str(), path.c_str()) != 0) throw SimError("cannot write " + path);
+  if (!replace_host_file(path, format_firmware_state(s))) throw SimError("cannot write " + path);
 }
 
 BootResult Kernel::boot(const BootOptions& options) {
@@ -422,25 +372,35 @@ BootResult Kernel::boot(const BootOptions& options) {
     return kernel;
   };
   if (!load(m)) return stuck(b.stuck, &m);
-
-  std::vector<std::string> fields = {"disk=" + b.disk, "entry=" + std::to_string(b.entry), "kernel=" + b.kernel_path,
-                                     "build=" + b.kernel.build, "commit=" + b.kernel.commit,
-                                     b.kernel.healthy ? "health=good" : "health=broken"};
   std::vector<std::string> how = chosen_fields(m);
+  // The event of a start that got as far as a kernel: the kernel loaded, then what the
+  // trial counting did.
+  auto started = [&] {
+    std::vector<std::string> fields = {"disk=" + b.disk,          "entry=" + std::to_string(b.entry),
+                                       "kernel=" + b.kernel_path, "build=" + b.kernel.build,
+                                       "commit=" + b.kernel.commit, b.kernel.healthy ? "health=good" : "health=broken"};
+    if (b.trial_starts >= 0) fields.push_back("starts=" + std::to_string(b.trial_starts));
+    fields.insert(fields.end(), how.begin(), how.end());
+    if (b.fallback) fields.push_back("fallback");
+    if (b.menu_reset) fields.push_back("menu-default=1");
+    if (b.restarted) fields.push_back("restart");
+    log("boot", 0, fields);
+    save_state();
+  };
 
   // The kernel that started counts the starts of an unconfirmed trial in the trial record
   // itself. Past the allowed number it falls back to entry 1, and makes that lasting: it
   // sets the menu's default to entry 1 on the ESP, so a trial that ends without the
   // counter (confirmed, rolled back, removed) cannot lead back to the entry that failed.
-  auto record = fs_.read(kTrialRecord);
-  if (record && record->size() == kTrialRecordBytes && (*record)[kOkDigit] == '0') {
+  auto record = fs_.read(kTrialRecordPath);
+  if (trial_open(record)) {
     int v = 0;
     for (size_t i = kStartCountDigits; i < kStartCountDigits + 2; i++)
       v = v * 10 + (isdigit(static_cast<unsigned char>((*record)[i])) ? (*record)[i] - '0' : 0);
     v = std::min(v + 1, 99);
     (*record)[kStartCountDigits] = static_cast<char>('0' + v / 10);
     (*record)[kStartCountDigits + 1] = static_cast<char>('0' + v % 10);
-    fs_.write(kTrialRecord, *record);
+    fs_.write(kTrialRecordPath, *record);
     b.trial_starts = v;
     if (v > cfg_.boot_tries && m.entry != 1) {
       b.fallback = true;
@@ -458,20 +418,11 @@ BootResult Kernel::boot(const BootOptions& options) {
       if (!next.problem.empty()) return stuck(next.problem, &next);
       if (next.entry != 1) {
         b.restarted = true;
-        fields.push_back("starts=" + std::to_string(b.trial_starts));
-        fields.insert(fields.end(), how.begin(), how.end());
-        fields.push_back("fallback");
-        if (b.menu_reset) fields.push_back("menu-default=1");
-        fields.push_back("restart");
-        log("boot", 0, fields);
-        save_state();
+        started();
         return b;
       }
       b.kernel = KernelImage{};
       if (!load(next)) return stuck(b.stuck, &next);
-      fields = {"disk=" + b.disk, "entry=" + std::to_string(b.entry), "kernel=" + b.kernel_path,
-                "build=" + b.kernel.build, "commit=" + b.kernel.commit,
-                b.kernel.healthy ? "health=good" : "health=broken"};
       how.clear();
     }
   }
@@ -480,12 +431,7 @@ BootResult Kernel::boot(const BootOptions& options) {
   fs_.write("/proc/version", "tavi " + b.kernel.build + " build " + b.kernel.commit + " (tavi-sim stand-in kernel)\n");
   st_.healthy = b.kernel.healthy;
   b.booted = true;
-  if (b.trial_starts >= 0) fields.push_back("starts=" + std::to_string(b.trial_starts));
-  fields.insert(fields.end(), how.begin(), how.end());
-  if (b.fallback) fields.push_back("fallback");
-  if (b.menu_reset) fields.push_back("menu-default=1");
-  log("boot", 0, fields);
-  save_state();
+  started();
 
   if (options.start_entry && !cfg_.start_entry.empty()) {
     std::vector<std::string> argv = {"/bin/ota"};

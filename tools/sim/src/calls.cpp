@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <time.h>
 
 #include <algorithm>
@@ -19,16 +20,7 @@ namespace tavisim {
 
 namespace {
 
-// System call numbers (x86-64 Linux, and the tavi kernel's own).
-constexpr int64_t kOpen = 2;
-constexpr int64_t kNanosleep = 35;
-constexpr int64_t kWait4 = 61;
-constexpr int64_t kRename = 82;
-constexpr int64_t kMkdir = 83;
-constexpr int64_t kSync = 162;
-constexpr int64_t kMount = 165;
-constexpr int64_t kUmount2 = 166;
-constexpr int64_t kReboot = 169;
+// The tavi kernel's own call numbers; Linux's are the SYS_* names of <sys/syscall.h>.
 constexpr int64_t kSpawn = TAVI_SPAWN;
 constexpr int64_t kSystemInfo = TAVI_SYSTEM_INFO;
 constexpr int64_t kTaskInfo = TAVI_TASK_INFO;
@@ -47,13 +39,11 @@ constexpr int64_t kLongestSleepSeconds = 366LL * 86400;
 
 // The calls this kernel answers or looks at; open and mkdir are stopped only when they
 // create something with mode 0.
-const int64_t kTraced[] = {kNanosleep, kWait4, kRename, kSync, kMount, kUmount2, kReboot,
+const int64_t kTraced[] = {SYS_nanosleep, SYS_wait4, SYS_rename, SYS_sync, SYS_mount, SYS_umount2, SYS_reboot,
                            kSpawn, kSystemInfo, kTaskInfo, kEndTask, kFsGrow, kNotify};
 
 // The programs the kernel models; any other path needs a configured host program.
 const char* kModelled[] = {"/bin/fetch", "/bin/tpk", "/bin/sntp", "/bin/rootsctl"};
-
-std::string num(int64_t v) { return std::to_string(v); }
 
 }  // namespace
 
@@ -86,7 +76,7 @@ void Kernel::on_call(pid_t pid, user_regs_struct& r) {
     return;
   }
   switch (nr) {
-    case kOpen:
+    case SYS_open:
       // tavi makes a file created with mode 0 readable.
       if ((r.rsi & O_CREAT) && (r.rdx & 07777) == 0) {
         unsigned long long original = r.rdx;
@@ -96,7 +86,7 @@ void Kernel::on_call(pid_t pid, user_regs_struct& r) {
         tracer_.resume(pid);
       }
       return;
-    case kMkdir:
+    case SYS_mkdir:
       if ((r.rsi & 07777) == 0) {
         unsigned long long original = r.rsi;
         r.rsi = 0755;
@@ -105,21 +95,21 @@ void Kernel::on_call(pid_t pid, user_regs_struct& r) {
         tracer_.resume(pid);
       }
       return;
-    case kNanosleep: sys_nanosleep(p, r); return;
-    case kWait4: sys_wait4(p, r); return;
-    case kRename: {
+    case SYS_nanosleep: sys_nanosleep(p, r); return;
+    case SYS_wait4: sys_wait4(p, r); return;
+    case SYS_rename: {
       int64_t res = sys_rename(p, r);
       if (res == 0) tracer_.resume(pid);
       else answer(p, r, res);
       return;
     }
-    case kSync:
+    case SYS_sync:
       sys_sync();
       answer(p, r, 0);
       return;
-    case kMount: answer(p, r, sys_mount(p, r)); return;
-    case kUmount2: answer(p, r, sys_umount(p, r)); return;
-    case kReboot:
+    case SYS_mount: answer(p, r, sys_mount(p, r)); return;
+    case SYS_umount2: answer(p, r, sys_umount(p, r)); return;
+    case SYS_reboot:
       if (r.rdi != kRestartCommand || r.rsi != 0 || r.rdx != 0) {
         log("reboot", pid, {"arg=" + num(static_cast<int64_t>(r.rdi)), "result=" + num(-EINVAL)});
         answer(p, r, -EINVAL);

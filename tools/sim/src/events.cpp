@@ -26,14 +26,7 @@ std::string format_event(const Event& e) {
 
 std::optional<Event> parse_event(std::string_view line) {
   if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
-  std::vector<std::string_view> parts;
-  size_t i = 0;
-  for (;;) {
-    size_t t = line.find('\t', i);
-    parts.push_back(line.substr(i, t == std::string_view::npos ? std::string_view::npos : t - i));
-    if (t == std::string_view::npos) break;
-    i = t + 1;
-  }
+  std::vector<std::string> parts = tab_fields(line);
   if (parts.size() < 3) return std::nullopt;
   Event e;
   int64_t ns;

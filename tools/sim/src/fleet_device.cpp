@@ -13,6 +13,7 @@
 #include "tavisim/boot.h"
 #include "tavisim/device.h"
 #include "tavisim/esp.h"
+#include "trial_record.h"
 
 namespace tavisim::fleet {
 
@@ -173,8 +174,7 @@ class Life {
       // The device applied its version before the rehearsal and waits for its restart.
       d.write_file("/system/tpk/gen/" + eight_digits(generation), before);
       generation++;
-      d.write_file("/system/ERPROBUNG",
-                   "gen=" + eight_digits(generation) + " vor=" + eight_digits(generation - 1) + " v=00 ok=0\n");
+      d.write_file(kTrialRecordPath, open_trial_record(generation, generation - 1));
       d.write_file("/system/ota.stand", "dort=" + std::to_string(start_.version) + "\nhier=" +
                                             std::to_string(start_.version) + "\nzeit=2026-02-03 09:05\nphase=bereit\n");
       waiting_restart_ = true;
@@ -255,8 +255,7 @@ class Life {
   static std::string trial_state(const Device& d) {
     auto pending = d.read_file("/system/SYSPENDING");
     if (pending && !pending->empty()) return "system";
-    auto rec = d.read_file("/system/ERPROBUNG");
-    if (rec && rec->size() == 36 && (*rec)[34] == '0') return "open";
+    if (trial_open(d.read_file(kTrialRecordPath))) return "open";
     return "none";
   }
 

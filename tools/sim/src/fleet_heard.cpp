@@ -51,13 +51,7 @@ constexpr KnownSaying kSayings[] = {
 }  // namespace
 
 void Heard::listen(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t i = 0;
-  while (i < text.size()) {
-    size_t n = text.find('\n', i);
-    lines.push_back(text.substr(i, n == std::string::npos ? std::string::npos : n - i));
-    i = n == std::string::npos ? text.size() : n + 1;
-  }
+  std::vector<std::string> lines = text_lines(text);
   for (size_t k = 0; k < lines.size(); k++) {
     for (auto& s : kSayings) {
       if (lines[k].compare(0, strlen(s.prefix), s.prefix) != 0) continue;

@@ -57,6 +57,12 @@ void write_host_file(const std::string& path, std::string_view data, mode_t mode
   close(fd);
 }
 
+bool replace_host_file(const std::string& path, std::string_view data) {
+  std::string beside = path + ".nw";
+  write_host_file(beside, data);
+  return rename(beside.c_str(), path.c_str()) == 0;
+}
+
 bool host_exists(const std::string& path) {
   struct stat st;
   return lstat(path.c_str(), &st) == 0;

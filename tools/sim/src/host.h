@@ -18,6 +18,10 @@ namespace tavisim {
 
 std::optional<std::string> read_host_file(const std::string& path);
 void write_host_file(const std::string& path, std::string_view data, mode_t mode = 0644);
+// Writes PATH.nw and renames it over path, so that a simulator ended halfway leaves the old
+// file whole rather than half a new one. Throws as write_host_file does; false when only
+// the rename failed.
+bool replace_host_file(const std::string& path, std::string_view data);
 bool host_exists(const std::string& path);
 bool host_is_dir(const std::string& path);
 void make_host_dirs(const std::string& path);

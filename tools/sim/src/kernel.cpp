@@ -21,8 +21,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string num(int64_t v) { return std::to_string(v); }
-
 // The device directory, absolute; throws when it holds no device.
 std::string device_dir(const std::string& dir) {
   char buf[PATH_MAX];
@@ -93,10 +91,7 @@ CommandId Kernel::start(const std::vector<std::string>& argv, const RunOptions& 
   c.cut = options.cut ? options.cut : cfg_.cut;
   c.trace_calls = options.trace_calls;
   c.argv = argv;
-  if (options.wall_seconds > 0) {
-    c.has_wall = true;
-    c.wall_deadline = *wall_deadline(options.wall_seconds);
-  }
+  c.wall_deadline = wall_deadline(options.wall_seconds);
   if (options.virtual_seconds > 0)
     c.virtual_deadline = st_.clock_ns + static_cast<int64_t>(options.virtual_seconds * 1e9);
   int id = c.id;
@@ -162,7 +157,7 @@ RunResult Kernel::wait(CommandId id, double wall_seconds) {
   Command& c = it->second;
   if (!c.done) {
     std::optional<Clock::time_point> wall = wall_deadline(wall_seconds);
-    if (!wall && c.has_wall) wall = c.wall_deadline;
+    if (!wall) wall = c.wall_deadline;
     Served s = serve([&c] { return c.done; }, wall, c.virtual_deadline);
     if (!c.done && s == Served::wall) {
       log("limit", 0, {"wall"});

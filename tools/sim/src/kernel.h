@@ -40,6 +40,9 @@
 
 namespace tavisim {
 
+// A number as an event field writes it.
+inline std::string num(int64_t v) { return std::to_string(v); }
+
 class Kernel : private TraceEvents {
  public:
   explicit Kernel(const std::string& dir);
@@ -91,8 +94,7 @@ class Kernel : private TraceEvents {
     RunResult result;
     bool done = false;
     size_t first_event = 0;
-    std::chrono::steady_clock::time_point wall_deadline;
-    bool has_wall = false;
+    std::optional<std::chrono::steady_clock::time_point> wall_deadline;
     int64_t virtual_deadline = INT64_MAX;
     std::optional<Cut> cut;
     bool trace_calls = false;

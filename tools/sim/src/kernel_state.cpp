@@ -1,7 +1,5 @@
 #include "kernel_state.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 #include <sstream>
 #include <vector>
@@ -12,20 +10,12 @@ namespace tavisim {
 
 KernelState parse_kernel_state(const std::string& text, const std::string& origin) {
   KernelState s;
-  std::istringstream in(text);
-  std::string line;
   int no = 0;
-  while (std::getline(in, line)) {
+  for (const std::string& line : text_lines(text)) {
     no++;
     if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> f;
-    size_t i = 0;
-    for (;;) {
-      size_t t = line.find('\t', i);
-      f.push_back(unescape_field(line.substr(i, t == std::string::npos ? std::string::npos : t - i)));
-      if (t == std::string::npos) break;
-      i = t + 1;
-    }
+    std::vector<std::string> f = tab_fields(line);
+    for (std::string& field : f) field = unescape_field(field);
     auto bad = [&]() { return SimError(origin + ":" + std::to_string(no) + ": cannot read: " + line); };
     auto number = [&](size_t k) {
       int64_t v;
@@ -74,11 +64,8 @@ KernelState KernelStateFile::load() {
 void KernelStateFile::save(const KernelState& s) {
   std::string text = format_kernel_state(s);
   if (text == saved_) return;
-  // Written beside and renamed over, so that a simulator ended halfway leaves the old state
-  // whole rather than half a new one.
-  std::string tmp = dir_ + "/kernel.state.nw";
-  write_host_file(tmp, text);
-  rename(tmp.c_str(), (dir_ + "/kernel.state").c_str());
+  // A failed rename leaves the old state whole; the simulator goes on as before.
+  replace_host_file(dir_ + "/kernel.state", text);
   saved_ = text;
 }
 

@@ -15,6 +15,7 @@
 
 #include "host.h"
 #include "kernel.h"
+#include "trial_record.h"
 
 namespace tavisim {
 
@@ -73,22 +74,9 @@ struct IndexEntry {
 
 std::vector<IndexEntry> parse_index(const std::string& text) {
   std::vector<IndexEntry> out;
-  size_t i = 0;
-  while (i < text.size()) {
-    size_t n = text.find('\n', i);
-    if (n == std::string::npos) n = text.size();
-    std::string line = text.substr(i, n - i);
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    std::vector<std::string> f;
-    size_t k = 0;
-    for (;;) {
-      size_t t = line.find('\t', k);
-      f.push_back(line.substr(k, t == std::string::npos ? std::string::npos : t - k));
-      if (t == std::string::npos) break;
-      k = t + 1;
-    }
+  for (const std::string& line : text_lines(text)) {
+    std::vector<std::string> f = tab_fields(line);
     if (f.size() >= 3 && !f[0].empty()) out.push_back({f[0], f[1], f[2]});
-    i = n + 1;
   }
   return out;
 }
@@ -116,7 +104,6 @@ std::string format_installed(const std::vector<std::pair<std::string, std::strin
 
 constexpr const char* kTpkState = "/system/tpk";
 constexpr const char* kTpkInstalled = "/system/tpk/installed";
-constexpr const char* kTrialRecord = "/system/ERPROBUNG";
 constexpr const char* kGeneration = "/system/AKTUELL";
 // A trial record is exactly this long (the device's own layout); byte 34 is its ok digit.
 constexpr size_t kTrialRecordBytes = ota::kTrialRecordBytes;
@@ -317,6 +304,12 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
     return it == cfg_.tpk_fail.end() ? 0 : it->second;
   };
   auto installed = [&]() { return parse_installed(fs_.read(kTpkInstalled).value_or("")); };
+  // With signed indexes asked for, an INDEX no trusted key signed is refused, and noted.
+  auto index_refused = [&](const std::string& dir, const std::string& index) {
+    if (!cfg_.tpk_index_signed || index_signed(fs_, dir, index)) return false;
+    log("tpk", t.pid, {"index-refused", dir + "/INDEX"});
+    return true;
+  };
   fs_.make_dirs(kTpkState);
 
   if (verb == "catalog") {
@@ -329,10 +322,7 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
     }
     auto index = fs_.read(w[2] + "/INDEX");
     if (!index) return 1;
-    if (cfg_.tpk_index_signed && !index_signed(fs_, w[2], *index)) {
-      log("tpk", t.pid, {"index-refused", w[2] + "/INDEX"});
-      return kIndexNotSigned;
-    }
+    if (index_refused(w[2], *index)) return kIndexNotSigned;
     auto have = installed();
     std::string out;
     for (auto& e : parse_index(*index)) {
@@ -353,10 +343,7 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
       if (w[i] == "--source") source = w[i + 1];
     auto index = fs_.read(source + "/INDEX");
     if (!index) return 2;
-    if (cfg_.tpk_index_signed && !index_signed(fs_, source, *index)) {
-      log("tpk", t.pid, {"index-refused", source + "/INDEX"});
-      return kIndexNotSigned;
-    }
+    if (index_refused(source, *index)) return kIndexNotSigned;
     const IndexEntry* entry = nullptr;
     auto entries = parse_index(*index);
     for (auto& e : entries)
@@ -364,17 +351,15 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
     if (!entry) return 2;
     if (!fs_.exists(source + "/" + entry->file)) return 3;
     auto list = installed();
-    auto record = fs_.read(kTrialRecord);
-    bool open = record && record->size() == kTrialRecordBytes && (*record)[kTrialOkDigit] == '0';
-    if (!open) {
+    auto record = fs_.read(kTrialRecordPath);
+    if (!trial_open(record)) {
       // The first update opens a trial: a new generation, the old list kept as `vor`.
       uint64_t before = read_number(fs_, kGeneration);
       uint64_t gen = before + 1;
       fs_.make_dirs(std::string(kTpkState) + "/gen");
       if (!fs_.write(std::string(kTpkState) + "/gen/" + eight_digits(before), format_installed(list))) return 4;
       if (!fs_.write(kGeneration, eight_digits(gen) + "\n")) return 4;
-      std::string rec = "gen=" + eight_digits(gen) + " vor=" + eight_digits(before) + " v=00 ok=0\n";
-      if (!fs_.write(kTrialRecord, rec)) return 4;
+      if (!fs_.write(kTrialRecordPath, open_trial_record(gen, before))) return 4;
     }
     bool replaced = false;
     for (auto& [n, v] : list)
@@ -389,10 +374,10 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
   if (verb == "trial") {
     if (int code = configured_failure("trial")) return code;
     if (w.size() < 3 || w[2] != "ok") return 64;
-    auto record = fs_.read(kTrialRecord);
+    auto record = fs_.read(kTrialRecordPath);
     if (!record || record->size() != kTrialRecordBytes) return 1;
     (*record)[kTrialOkDigit] = '1';
-    return fs_.write(kTrialRecord, *record) ? 0 : 1;
+    return fs_.write(kTrialRecordPath, *record) ? 0 : 1;
   }
 
   if (verb == "rollback") {
@@ -404,7 +389,7 @@ int Kernel::model_tpk(Process& t, const std::vector<std::string>& w) {
     if (!snapshot) return 2;
     if (!fs_.write(kTpkInstalled, *snapshot)) return 4;
     if (!fs_.write(kGeneration, eight_digits(gen) + "\n")) return 4;
-    fs_.remove(kTrialRecord);
+    fs_.remove(kTrialRecordPath);
     return 0;
   }
 

@@ -16,7 +16,6 @@ class SyncedCopy {
 
   // A cut with `synced` durability is armed: the copy starts as the root is now.
   void arm(const std::vector<std::string>& mount_points);
-  bool armed() const { return armed_; }
   // A sync: the copy follows the root, when armed.
   void synced(const std::vector<std::string>& mount_points);
   // The cut came: the root goes back to the copy.

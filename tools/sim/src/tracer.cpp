@@ -28,12 +28,11 @@ namespace {
 
 // Calls the device program has no business making on a development machine; they fail
 // with EPERM without a stop.
-constexpr int kDenied[] = {101 /* ptrace */,       155 /* pivot_root */,   161 /* chroot */,
-                           167 /* swapon */,       168 /* swapoff */,      175 /* init_module */,
-                           176 /* delete_module */, 246 /* kexec_load */,  272 /* unshare */,
-                           308 /* setns */,        313 /* finit_module */, 320 /* kexec_file_load */,
-                           428 /* open_tree */,    429 /* move_mount */,   430 /* fsopen */,
-                           431 /* fsconfig */,     432 /* fsmount */,      433 /* fspick */};
+constexpr int kDenied[] = {SYS_ptrace,       SYS_pivot_root,      SYS_chroot,         SYS_swapon,
+                           SYS_swapoff,      SYS_init_module,     SYS_delete_module,  SYS_kexec_load,
+                           SYS_unshare,      SYS_setns,           SYS_finit_module,   SYS_kexec_file_load,
+                           SYS_open_tree,    SYS_move_mount,      SYS_fsopen,         SYS_fsconfig,
+                           SYS_fsmount,      SYS_fspick};
 
 pid_t parent_of_process(pid_t pid) {
   auto text = read_host_file("/proc/" + std::to_string(pid) + "/status");

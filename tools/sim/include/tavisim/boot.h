@@ -5,15 +5,13 @@
 // after too many, falls back to entry 1 and sets the menu's default to entry 1, starts
 // the desktop tasks if the image is healthy, and runs the start-up entry.
 //
-// Kernel images are stand-ins, as `ota-publish kernel` writes them: a first line
-//   TAVI-KERNEL build=<build> commit=<commit> health=good|broken
-// then, at the next offset that is a multiple of 4, a multiboot1 header asking for a
-// framebuffer, and filler bytes around it, byte i of the file being i mod 251.
+// Kernel images are stand-ins, as `ota-publish kernel` writes them (kernel_image.h).
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "kernel_image.h"
 #include "tavisim/device.h"
 
 namespace tavisim {
@@ -49,22 +47,9 @@ MenuChoice choose_boot_entry(std::string_view limine_conf, int force_entry = 0);
 // lasting fallback); every other byte stays. Unchanged when no such line counts.
 std::string menu_with_default_one(std::string_view limine_conf);
 
-// The multiboot1 header of a kernel image as the boot loader looks for it: the first
-// occurrence of the magic 0x1BADB002 at an offset that is a multiple of 4, with the three
-// words (magic, flags, checksum) within the first 8192 bytes.
-constexpr uint32_t kMultiboot1Magic = 0x1BADB002;
-constexpr size_t kMultiboot1SearchBytes = 8192;
-constexpr uint32_t kMultiboot1VideoFlag = 1u << 2;       // asks for a video mode (a framebuffer)
-constexpr uint32_t kMultiboot1AddressFlag = 1u << 16;    // the load address fields are valid
-constexpr size_t kMultiboot1HeaderBytes = 48;            // up to and with the video mode fields
-struct Multiboot1Header {
-  bool found = false;
-  size_t offset = 0;
-  uint32_t flags = 0;
-  uint32_t checksum = 0;
-  bool checksum_ok = false;  // magic + flags + checksum == 0 (mod 2^32)
-};
-Multiboot1Header find_multiboot1_header(std::string_view image);
+// The multiboot1 header of a kernel image as the boot loader looks for it (kernel_image.h).
+using kernel_image::Multiboot1Header;
+using kernel_image::find_multiboot1_header;
 // Why the boot loader (Limine on UEFI) does not start this multiboot1 image, in the words
 // shown on its screen; empty when it starts it.
 std::string multiboot1_refusal(std::string_view image);
@@ -87,7 +72,6 @@ struct FirmwareState {
 };
 FirmwareState read_firmware_state(const std::string& device_dir);
 void write_firmware_state(const std::string& device_dir, const FirmwareState& state);
-std::string format_firmware_state(const FirmwareState& state);
 
 struct BootResult {
   bool booted = false;
